@@ -1,0 +1,14 @@
+# 32-bit big-endian PowerPC with Debian's cross toolchain; programs run
+# under qemu-ppc.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR powerpc)
+
+set(KEL_CROSS_TRIPLE powerpc-linux-gnu)
+set(CMAKE_C_COMPILER ${KEL_CROSS_TRIPLE}-gcc)
+set(CMAKE_CXX_COMPILER ${KEL_CROSS_TRIPLE}-g++)
+set(CMAKE_FIND_ROOT_PATH /usr/${KEL_CROSS_TRIPLE})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-ppc -L /usr/${KEL_CROSS_TRIPLE})
