@@ -1,0 +1,9 @@
+list(APPEND KEL_LIBRARY_SOURCES
+  ${CMAKE_CURRENT_LIST_DIR}/session.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/control.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/login.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/commands.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/data.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/transfer.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/app.cpp
+)
