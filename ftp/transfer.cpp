@@ -33,9 +33,12 @@ const kelFTPCReplyRow kGetFinal[] = {
 
 enum class Direction { Store, Append, Retrieve };
 
+// As strncpy: NUL-padded, and without a terminator if the name fills the
+// field.
 void copyTransferName(char (&field)[KEL_FTPC_TRANSFER_NAME_SIZE],
                       const char *text) {
-  strncpy(field, text, sizeof field);
+  memset(field, 0, sizeof field);
+  memcpy(field, text, strnlen(text, sizeof field));
 }
 
 void blankTransferNames(kelFTPCSession *session) {
