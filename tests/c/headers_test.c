@@ -2,12 +2,8 @@
  * shared library. */
 #include "kelbase.h"
 #include "kelnet.h"
-#if __has_include("kelftpc.h")
 #include "kelftpc.h"
-#endif
-#if __has_include("keltime.h")
 #include "keltime.h"
-#endif
 
 int main(void) {
   uint32_t address = 0;
@@ -15,5 +11,13 @@ int main(void) {
   if (kelNETGetIpByName("127.0.0.1", &address) != 0) return 1;
   /* 127.0.0.1 in network order: the first byte in memory is 127. */
   if (((const unsigned char *)&address)[0] != 127) return 2;
+  /* Calls of each family with arguments they refuse at once. */
+  if (kelFTPCProtoOpen(21, 0) != NULL) return 3;
+  if (kelFTPCProtoConnect(NULL, "server", "user", "") != KEL_FTPC_BAD_SESSION) return 4;
+  {
+    kelFTPCFileRecord file = {"", "name"};
+    if (kelFTPCWriteOpen(NULL, &file) != KEL_FTPC_BAD_SESSION) return 5;
+  }
+  if (kelTIMEGetDayTimeStr(0, 1, 1, 0, NULL) != KEL_TIME_ERR_BUFFER) return 6;
   return (int)ok;
 }
