@@ -17,6 +17,7 @@ extern "C" {
 
 kelResult kelFTPCSendCommand(kelFTPCSession *session, const char *word,
                              const char *argument) {
+  if (session == nullptr) return KEL_FTPC_BAD_SESSION;
   size_t wordLength = strlen(word);
   size_t argumentLength = argument ? strlen(argument) : 0;
   size_t length = wordLength + (argument ? 1 + argumentLength : 0) + 2;
@@ -91,6 +92,7 @@ static uint16_t replyCode(const char first[4]) {
 }
 
 kelResult kelFTPCReceiveResponse(kelFTPCSession *session, uint16_t *code) {
+  if (session == nullptr) return KEL_FTPC_BAD_SESSION;
   if (kelFTPCReadLine(session) != KEL_OK) return KEL_FTPC_BAD_REPLY;
   char first[4];
   memcpy(first, session->line, sizeof first);

@@ -18,6 +18,7 @@ int main(void) {
     kelFTPCFileRecord file = {"", "name"};
     if (kelFTPCWriteOpen(NULL, &file) != KEL_FTPC_BAD_SESSION) return 5;
   }
+  if (kelFTPCCommandReplyQUIT(NULL) != KEL_FTPC_BAD_SESSION) return 7;
   if (kelTIMEGetDayTimeStr(0, 1, 1, 0, NULL) != KEL_TIME_ERR_BUFFER) return 6;
   return (int)ok;
 }
