@@ -98,6 +98,20 @@ TEST_F(Pool, SizeChangesOnlyWhenEmpty) {
   EXPECT_EQ(kelHostPoolSize(), 8192u);
 }
 
+#if defined(__SANITIZE_ADDRESS__)
+// Under AddressSanitizer the pool is poisoned but for live blocks, so an
+// overrun of a library buffer is caught as on the heap.
+TEST(PoolPoisoning, OverrunAndUseAfterFreeAreCaught) {
+  void *block = nullptr;
+  ASSERT_EQ(orvOSWOrgAllocMemPart(0, &block, 40), 0);
+  volatile char *bytes = static_cast<char *>(block);
+  bytes[39] = 1;
+  EXPECT_DEATH(bytes[40] = 1, "use-after-poison");
+  orvOSWOrgFreeMemPart(0, block);
+  EXPECT_DEATH(bytes[0] = 1, "use-after-poison");
+}
+#endif
+
 TEST(TimedConnect, Connected) {
   int listener = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a = kt::loopbackAddress(0);
