@@ -1,14 +1,17 @@
 /* time_demo: prints a time in several forms through the library.
  *
- *   time_demo [seconds]
+ *   time_demo [-s settings-file] [seconds]
  *
- * Without an argument it shows the current time; with one, that many
- * seconds since 1970 (UTC). The device's date setting decides the first
- * line. */
+ * Without seconds it shows the current time; with them, that many seconds
+ * since 1970 (UTC). The device's date setting decides the first line; a
+ * settings file (lines of "NAME = value", e.g. "DATE_FORM = 0x21") sets it
+ * in the host stand-in. */
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <time.h>
 
+#include "kelhost.h"
 #include "keltime.h"
 
 struct demo_form {
@@ -34,7 +37,16 @@ static const struct demo_form forms[] = {
 };
 
 int main(int argc, char **argv) {
-  time_t now = argc > 1 ? (time_t)strtoll(argv[1], NULL, 10) : time(NULL);
+  int arg = 1;
+  if (argc > 2 && strcmp(argv[1], "-s") == 0) {
+    int bad = kelHostStatusLoadFile(argv[2]);
+    if (bad != 0) {
+      fprintf(stderr, "%s: %s\n", argv[2], bad < 0 ? "can't be read" : "bad line");
+      return 2;
+    }
+    arg = 3;
+  }
+  time_t now = argc > arg ? (time_t)strtoll(argv[arg], NULL, 10) : time(NULL);
   int status = 0;
   size_t i;
   for (i = 0; i < sizeof forms / sizeof forms[0]; i++) {
