@@ -19,6 +19,23 @@ const char *wholeName(char (&copy)[KEL_FTPC_TRANSFER_NAME_SIZE + 1],
   return strlen(copy) < sizeof field ? copy : nullptr;
 }
 
+using ProtoOpen = kelResult (*)(kelFTPCSession *, const char *, const char *,
+                                int, int, int);
+using ProtoClose = kelResult (*)(kelFTPCSession *);
+
+// An image-type transfer in stream mode and file structure. A refused open
+// is followed by its own close, whatever the refusal was.
+kelResult openImage(kelFTPCSession *session, const kelFTPCFileRecord *file,
+                    ProtoOpen open, ProtoClose close) {
+  kelResult r = file == nullptr
+                    ? KEL_FTPC_BAD_FILE_NAME
+                    : open(session, file->directory, file->fileName,
+                           KEL_FTPC_MODE_STREAM, KEL_FTPC_STRUCTURE_FILE,
+                           KEL_FTPC_TYPE_IMAGE);
+  if (r != KEL_OK) close(session);
+  return r;
+}
+
 }  // namespace
 
 extern "C" {
@@ -59,14 +76,7 @@ kelResult kelFTPCAbortEnd(kelFTPCSession *session) {
 
 kelResult kelFTPCWriteOpen(kelFTPCSession *session,
                            const kelFTPCFileRecord *file) {
-  kelResult r = file == nullptr
-                    ? KEL_FTPC_BAD_FILE_NAME
-                    : kelFTPCProtoPutOpen(session, file->directory,
-                                          file->fileName, KEL_FTPC_MODE_STREAM,
-                                          KEL_FTPC_STRUCTURE_FILE,
-                                          KEL_FTPC_TYPE_IMAGE);
-  if (r != KEL_OK) kelFTPCProtoPutClose(session);
-  return r;
+  return openImage(session, file, kelFTPCProtoPutOpen, kelFTPCProtoPutClose);
 }
 
 kelResult kelFTPCWrite(kelFTPCSession *session, const void *buffer,
@@ -80,14 +90,7 @@ kelResult kelFTPCWriteClose(kelFTPCSession *session) {
 
 kelResult kelFTPCReadOpen(kelFTPCSession *session,
                           const kelFTPCFileRecord *file) {
-  kelResult r = file == nullptr
-                    ? KEL_FTPC_BAD_FILE_NAME
-                    : kelFTPCProtoGetOpen(session, file->directory,
-                                          file->fileName, KEL_FTPC_MODE_STREAM,
-                                          KEL_FTPC_STRUCTURE_FILE,
-                                          KEL_FTPC_TYPE_IMAGE);
-  if (r != KEL_OK) kelFTPCProtoGetClose(session);
-  return r;
+  return openImage(session, file, kelFTPCProtoGetOpen, kelFTPCProtoGetClose);
 }
 
 kelResult kelFTPCRead(kelFTPCSession *session, void *buffer, uint32_t capacity,

@@ -26,18 +26,10 @@ const kelFTPCReplyRow kStor[] = {
     {552, KEL_FTPC_STORE_FAILED},     {553, KEL_FTPC_BAD_FILE_NAME},
 };
 
-// As STOR, and APPE alone knows 502 and 550.
-const kelFTPCReplyRow kAppe[] = {
-    {110, KEL_FTPC_STORE_FAILED},     {125, KEL_OK},
-    {150, KEL_OK},                    {226, KEL_FTPC_STORE_FAILED},
-    {250, KEL_FTPC_STORE_FAILED},     {421, KEL_FTPC_SERVICE_CLOSING},
-    {425, KEL_FTPC_NO_DATA_CONNECTION}, {426, KEL_FTPC_STORE_FAILED},
-    {450, KEL_FTPC_FILE_BUSY},        {451, KEL_FTPC_STORE_FAILED},
-    {452, KEL_FTPC_NO_STORAGE},       {500, KEL_FTPC_BAD_COMMAND},
-    {501, KEL_FTPC_BAD_COMMAND},      {502, KEL_FTPC_NOT_IMPLEMENTED},
-    {530, KEL_FTPC_NOT_READY},        {532, KEL_FTPC_NEED_ACCOUNT},
-    {550, KEL_FTPC_BAD_FILE_NAME},    {551, KEL_FTPC_STORE_FAILED},
-    {552, KEL_FTPC_STORE_FAILED},     {553, KEL_FTPC_BAD_FILE_NAME},
+// APPE answers as STOR, and alone knows 502 and 550.
+const kelFTPCReplyRow kAppeOnly[] = {
+    {502, KEL_FTPC_NOT_IMPLEMENTED},
+    {550, KEL_FTPC_BAD_FILE_NAME},
 };
 
 const kelFTPCReplyRow kRetr[] = {
@@ -50,17 +42,14 @@ const kelFTPCReplyRow kRetr[] = {
     {530, KEL_FTPC_NOT_READY},        {550, KEL_FTPC_UNAVAILABLE},
 };
 
-template <size_t N>
-kelResult openTransferCommand(kelFTPCSession *session, const char *word,
-                              const char *path,
-                              const kelFTPCReplyRow (&table)[N]) {
+// Sends the command and takes its first reply through the joint wait.
+kelResult firstReply(kelFTPCSession *session, const char *word,
+                     const char *path, uint16_t *code) {
   kelResult r = kelFTPCSendCommand(session, word, path);
   if (r != KEL_OK) return r;
-  uint16_t code = 0;
-  r = kelFTPCWaitReplyAndAccept(session, &session->controlSocket,
-                                &session->listenSocket, &session->dataSocket,
-                                &code);
-  return r != KEL_OK ? r : kelFTPCMapReply(table, code);
+  return kelFTPCWaitReplyAndAccept(session, &session->controlSocket,
+                                   &session->listenSocket,
+                                   &session->dataSocket, code);
 }
 
 }  // namespace
@@ -170,15 +159,23 @@ kelResult kelFTPCWaitReplyAndAccept(kelFTPCSession *session,
 }
 
 kelResult kelFTPCCommandReplySTOR(kelFTPCSession *session, const char *path) {
-  return openTransferCommand(session, "STOR", path, kStor);
+  uint16_t code = 0;
+  kelResult r = firstReply(session, "STOR", path, &code);
+  return r != KEL_OK ? r : kelFTPCMapReply(kStor, code);
 }
 
 kelResult kelFTPCCommandReplyAPPE(kelFTPCSession *session, const char *path) {
-  return openTransferCommand(session, "APPE", path, kAppe);
+  uint16_t code = 0;
+  kelResult r = firstReply(session, "APPE", path, &code);
+  if (r != KEL_OK) return r;
+  kelResult own = kelFTPCMapReply(kAppeOnly, code);
+  return own != KEL_FTPC_BAD_REPLY ? own : kelFTPCMapReply(kStor, code);
 }
 
 kelResult kelFTPCCommandReplyRETR(kelFTPCSession *session, const char *path) {
-  return openTransferCommand(session, "RETR", path, kRetr);
+  uint16_t code = 0;
+  kelResult r = firstReply(session, "RETR", path, &code);
+  return r != KEL_OK ? r : kelFTPCMapReply(kRetr, code);
 }
 
 }  // extern "C"

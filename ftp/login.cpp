@@ -47,6 +47,15 @@ const kelFTPCReplyRow kXpwd[] = {
     {550, KEL_FTPC_UNAVAILABLE},
 };
 
+// The working directory from a 257 reply, else what table makes of code.
+template <size_t N>
+kelResult directoryReply(kelFTPCSession *session, uint16_t code,
+                                char *buffer, uint32_t length,
+                                const kelFTPCReplyRow (&table)[N]) {
+  if (code == 257) return kelFTPCParseQuotedPath(session->line, buffer, length);
+  return kelFTPCMapReply(table, code);
+}
+
 }  // namespace
 
 extern "C" {
@@ -91,8 +100,7 @@ kelResult kelFTPCCommandReplyXPWD(kelFTPCSession *session, char *buffer,
   uint16_t code = 0;
   kelResult r = kelFTPCExchange(session, "XPWD", nullptr, &code);
   if (r != KEL_OK) return r;
-  if (code == 257) return kelFTPCParseQuotedPath(session->line, buffer, length);
-  return kelFTPCMapReply(kXpwd, code);
+  return directoryReply(session, code, buffer, length, kXpwd);
 }
 
 kelResult kelFTPCCommandReplyPWD(kelFTPCSession *session, char *buffer,
@@ -101,10 +109,9 @@ kelResult kelFTPCCommandReplyPWD(kelFTPCSession *session, char *buffer,
   uint16_t code = 0;
   kelResult r = kelFTPCExchange(session, "PWD", nullptr, &code);
   if (r != KEL_OK) return r;
-  if (code == 257) return kelFTPCParseQuotedPath(session->line, buffer, length);
   if (code == 500 || code == 502)
     return kelFTPCCommandReplyXPWD(session, buffer, length);
-  return kelFTPCMapReply(kPwd, code);
+  return directoryReply(session, code, buffer, length, kPwd);
 }
 
 }  // extern "C"
