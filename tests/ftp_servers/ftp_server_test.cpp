@@ -1,17 +1,18 @@
 // The FTP client against a real server, started for this program by
 // tests/servers/with-ftpd.sh, which tells where through the environment:
-// KEL_FTP_HOST, KEL_FTP_PORT, KEL_FTP_USER, KEL_FTP_PASS, KEL_FTP_ROOT (the
-// server's directory on this machine) and KEL_FTP_KIND.
+// KEL_FTP_HOST, KEL_FTP_PORT (21: the application calls run too), KEL_FTP_USER,
+// KEL_FTP_PASS, KEL_FTP_ROOT (the server's directory on this machine) and
+// KEL_FTP_KIND (pyftpdlib-nopasv refuses passive mode: every transfer runs
+// in active mode).
 
-#include <pwd.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -20,221 +21,105 @@
 
 namespace {
 
-std::string env(const char *name) {
-  const char *value = getenv(name);
-  return value ? value : "";
+std::string env(const char *name) { return getenv(name) ? getenv(name) : ""; }
+
+// What the server holds on its disk; "-" when there is no such file.
+std::string onDisk(const std::string &name) {
+  std::ifstream in(env("KEL_FTP_ROOT") + "/" + name, std::ios::binary);
+  return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "-";
 }
 
 // Content that differs at every offset, so that a lost, doubled or
 // misplaced block shows.
-unsigned char patternByte(uint64_t at, uint32_t seed) {
-  uint32_t x = static_cast<uint32_t>(at) * 2654435761u + seed;
-  return static_cast<unsigned char>((x >> 13) ^ (at >> 20));
-}
-
-std::vector<unsigned char> pattern(size_t offset, size_t length, uint32_t seed) {
-  std::vector<unsigned char> bytes(length);
-  for (size_t i = 0; i < length; i++) bytes[i] = patternByte(offset + i, seed);
+std::string pattern(size_t length, unsigned seed) {
+  std::string bytes(length, 0);
+  for (size_t i = 0; i < length; i++) bytes[i] = static_cast<char>((i * 2654435761u + seed) >> 13 ^ i >> 20);
   return bytes;
-}
-
-std::string readDisk(const std::string &path, bool *exists) {
-  std::ifstream in(path, std::ios::binary);
-  *exists = static_cast<bool>(in);
-  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 class RealServer : public kt::PoolGuard {
  protected:
   void SetUp() override {
     kt::PoolGuard::SetUp();
-    host = env("KEL_FTP_HOST");
-    root = env("KEL_FTP_ROOT");
-    if (host.empty() || root.empty())
-      GTEST_SKIP() << "run through tests/servers/with-ftpd.sh";
-    port = atoi(env("KEL_FTP_PORT").c_str());
-    session = kelFTPCProtoOpen(port, 20000);
-    ASSERT_NE(session, nullptr);
-    ASSERT_EQ(kelFTPCProtoConnect(session, host.c_str(), env("KEL_FTP_USER").c_str(),
-                                  env("KEL_FTP_PASS").c_str()),
-              KEL_OK);
+    if (env("KEL_FTP_ROOT").empty()) GTEST_SKIP() << "run through tests/servers/with-ftpd.sh";
+    s = kelFTPCProtoOpen(atoi(env("KEL_FTP_PORT").c_str()), 20000);
+    ASSERT_EQ(kelFTPCProtoConnect(s, env("KEL_FTP_HOST").c_str(), env("KEL_FTP_USER").c_str(),
+                                  env("KEL_FTP_PASS").c_str()), KEL_OK);
   }
   void TearDown() override {
-    if (session) {
-      EXPECT_EQ(kelFTPCProtoClose(session), KEL_OK);
+    if (s) {
+      EXPECT_EQ(kelFTPCProtoClose(s), KEL_OK);
     }
     kt::PoolGuard::TearDown();
   }
-
-  // Sends length bytes of the pattern in blocks as a device would.
-  void send(size_t length, uint32_t seed) {
-    const size_t block = 65536;
-    for (size_t done = 0; done < length;) {
-      size_t n = length - done < block ? length - done : block;
-      std::vector<unsigned char> bytes = pattern(done, n, seed);
-      ASSERT_EQ(kelFTPCProtoPutData(session, bytes.data(), static_cast<uint32_t>(n)),
-                KEL_OK) << "at " << done;
-      done += n;
+  // Stores (or appends) content in blocks as a device would.
+  void put(bool append, const char *directory, const char *file, const std::string &content) {
+    ASSERT_EQ((append ? kelFTPCProtoAppendOpen : kelFTPCProtoPutOpen)(s, directory, file, 1, 1, 3), KEL_OK);
+    for (size_t at = 0; at < content.size(); at += 65536) {
+      uint32_t n = static_cast<uint32_t>(std::min<size_t>(65536, content.size() - at));
+      ASSERT_EQ(kelFTPCProtoPutData(s, content.data() + at, n), KEL_OK) << "at " << at;
     }
+    ASSERT_EQ(kelFTPCProtoPutClose(s), KEL_OK);
   }
-
-  std::string retrieve(const char *directory, const char *file) {
-    EXPECT_EQ(kelFTPCProtoGetOpen(session, directory, file, 1, 1, 3), KEL_OK);
-    std::string content;
-    std::vector<char> buffer(50000);
-    for (;;) {
-      uint32_t count = 0;
-      kelResult r = kelFTPCProtoGetData(session, buffer.data(),
-                                        static_cast<uint32_t>(buffer.size()), &count);
-      EXPECT_EQ(r, KEL_OK);
-      if (r != KEL_OK || count == 0) break;
-      content.append(buffer.data(), count);
-    }
-    EXPECT_EQ(kelFTPCProtoGetClose(session), KEL_OK);
-    return content;
+  std::string get(const char *directory, const char *file) {
+    EXPECT_EQ(kelFTPCProtoGetOpen(s, directory, file, 1, 1, 3), KEL_OK);
+    std::string content(50000, 0), all;
+    uint32_t count = 1;
+    while (count != 0 && kelFTPCProtoGetData(s, &content[0], 50000, &count) == KEL_OK) all.append(content, 0, count);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(kelFTPCProtoGetClose(s), KEL_OK);
+    return all;
   }
-
-  std::string host, root;
-  int port = 0;
-  kelFTPCSession *session = nullptr;
+  kelFTPCSession *s = nullptr;
 };
 
-std::string asString(const std::vector<unsigned char> &bytes) {
-  return std::string(bytes.begin(), bytes.end());
-}
-
+// Files of 0 and 1 byte and a large one: stored, appended to, fetched and
+// deleted, compared byte for byte on the server's disk.
 TEST_F(RealServer, StoreAppendRetrieveDelete) {
-  const size_t sizes[] = {0, 1, 1 << 20, 64u << 20};
-  const size_t appended = 4097;
-  for (size_t size : sizes) {
-    SCOPED_TRACE("file of " + std::to_string(size) + " bytes");
-    std::string name = "file-" + std::to_string(size) + ".bin";
-    std::string onDisk = root + "/" + name;
-
-    ASSERT_EQ(kelFTPCProtoPutOpen(session, "", name.c_str(), 1, 1, 3), KEL_OK);
-    send(size, 1);
-    ASSERT_EQ(kelFTPCProtoPutClose(session), KEL_OK);
-    bool exists = false;
-    std::string stored = readDisk(onDisk, &exists);
-    ASSERT_TRUE(exists);
-    ASSERT_EQ(stored.size(), size);
-    ASSERT_TRUE(stored == asString(pattern(0, size, 1))) << "stored content differs";
-
-    ASSERT_EQ(kelFTPCProtoAppendOpen(session, "", name.c_str(), 1, 1, 3), KEL_OK);
-    send(appended, 2);
-    ASSERT_EQ(kelFTPCProtoPutClose(session), KEL_OK);
-    std::string expected = stored + asString(pattern(0, appended, 2));
-    ASSERT_TRUE(readDisk(onDisk, &exists) == expected) << "appended content differs";
-
-    std::string fetched = retrieve("", name.c_str());
-    ASSERT_EQ(fetched.size(), expected.size());
-    ASSERT_TRUE(fetched == expected) << "retrieved content differs";
-
-    ASSERT_EQ(kelFTPCProtoDelete(session, "", name.c_str()), KEL_OK);
-    readDisk(onDisk, &exists);
-    EXPECT_FALSE(exists);
+  for (size_t size : {0, 1, 4 << 20}) {
+    std::string name = "file-" + std::to_string(size), content = pattern(size, 1) + pattern(4097, 2);
+    put(false, "", name.c_str(), pattern(size, 1));
+    put(true, "", name.c_str(), pattern(4097, 2));
+    ASSERT_TRUE(onDisk(name) == content) << name;
+    ASSERT_TRUE(get("", name.c_str()) == content) << name;
+    ASSERT_EQ(kelFTPCProtoDelete(s, "", name.c_str()), KEL_OK);
+    EXPECT_EQ(onDisk(name), "-");
   }
 }
 
-TEST_F(RealServer, PassiveUnlessTheServerRefusesIt) {
-  // Transfers go passive first; against a server that answers PASV with
-  // 502 every transfer above ran in active mode.
-  uint32_t address = 0;
-  uint16_t dataPort = 0;
-  kelResult expected = env("KEL_FTP_KIND") == "pyftpdlib-nopasv" ? KEL_FTPC_NOT_IMPLEMENTED
-                                                               : KEL_OK;
-  EXPECT_EQ(kelFTPCCommandReplyPASV(session, &address, &dataPort), expected);
-}
-
-TEST_F(RealServer, PathsIntoASubdirectory) {
-  std::string directory = root + "/inbox";
-  ASSERT_EQ(mkdir(directory.c_str(), 0777), 0);
+// A subdirectory with and without the trailing separator; refusals leave the
+// session usable.
+TEST_F(RealServer, PathsAndRefusals) {
   struct stat top;
-  ASSERT_EQ(stat(root.c_str(), &top), 0);
-  ASSERT_EQ(chown(directory.c_str(), top.st_uid, top.st_gid), 0);
-
-  // The directory with and without the trailing separator names one path.
-  ASSERT_EQ(kelFTPCProtoPutOpen(session, "inbox", "scan.pdf", 1, 1, 3), KEL_OK);
-  send(1000, 3);
-  ASSERT_EQ(kelFTPCProtoPutClose(session), KEL_OK);
-  bool exists = false;
-  EXPECT_TRUE(readDisk(directory + "/scan.pdf", &exists) == asString(pattern(0, 1000, 3)));
-  EXPECT_EQ(retrieve("inbox/", "scan.pdf").size(), 1000u);
-  EXPECT_EQ(kelFTPCProtoDelete(session, "inbox/", "scan.pdf"), KEL_OK);
-  readDisk(directory + "/scan.pdf", &exists);
-  EXPECT_FALSE(exists);
+  ASSERT_EQ(stat(env("KEL_FTP_ROOT").c_str(), &top), 0);
+  ASSERT_EQ(mkdir((env("KEL_FTP_ROOT") + "/in").c_str(), 0777), 0);
+  ASSERT_EQ(chown((env("KEL_FTP_ROOT") + "/in").c_str(), top.st_uid, top.st_gid), 0);
+  put(false, "in", "scan.pdf", "scan");
+  EXPECT_EQ(onDisk("in/scan.pdf"), "scan");
+  EXPECT_EQ(get("in/", "scan.pdf"), "scan");
+  EXPECT_EQ(kelFTPCProtoDelete(s, "in/", "scan.pdf"), KEL_OK);
+  EXPECT_EQ(kelFTPCProtoGetOpen(s, "", "none", 1, 1, 3), KEL_FTPC_UNAVAILABLE);
+  EXPECT_EQ(kelFTPCProtoDelete(s, "", "none"), KEL_FTPC_DELETE_FAILED);
+  uint32_t address;
+  uint16_t port;
+  EXPECT_EQ(kelFTPCCommandReplyPASV(s, &address, &port),
+            env("KEL_FTP_KIND") == "pyftpdlib-nopasv" ? KEL_FTPC_NOT_IMPLEMENTED : KEL_OK);
 }
 
-TEST_F(RealServer, MissingFiles) {
-  EXPECT_EQ(kelFTPCProtoGetOpen(session, "", "no-such-file", 1, 1, 3), KEL_FTPC_UNAVAILABLE);
-  EXPECT_EQ(kelFTPCProtoGetClose(session), KEL_OK);
-  EXPECT_EQ(kelFTPCProtoDelete(session, "", "no-such-file"), KEL_FTPC_DELETE_FAILED);
-  // The session goes on after refusals.
-  ASSERT_EQ(kelFTPCProtoPutOpen(session, "", "after.bin", 1, 1, 3), KEL_OK);
-  send(10, 4);
-  EXPECT_EQ(kelFTPCProtoPutClose(session), KEL_OK);
-}
-
-class ApplicationCalls : public kt::PoolGuard {
- protected:
-  void SetUp() override {
-    kt::PoolGuard::SetUp();
-    root = env("KEL_FTP_ROOT");
-    if (root.empty() || env("KEL_FTP_PORT") != "21")
-      GTEST_SKIP() << "the application calls use port 21: run in a private network namespace";
-    user = env("KEL_FTP_USER");
-    password = env("KEL_FTP_PASS");
-    host = env("KEL_FTP_HOST");
-    server = {host.c_str(), user.c_str(), password.c_str()};
-  }
-  std::string root, host, user, password;
-  kelFTPCServerRecord server{};
-};
-
-TEST_F(ApplicationCalls, UploadDownloadDelete) {
-  kelFTPCSession *session = nullptr;
-  ASSERT_EQ(kelFTPCStart(&server, &session), KEL_OK);
-  kelFTPCFileRecord file = {"", "page.tif"};
-  std::vector<unsigned char> content = pattern(0, 300000, 5);
-  ASSERT_EQ(kelFTPCWriteOpen(session, &file), KEL_OK);
-  ASSERT_EQ(kelFTPCWrite(session, content.data(), 100000), KEL_OK);
-  ASSERT_EQ(kelFTPCWrite(session, content.data() + 100000, 200000), KEL_OK);
-  ASSERT_EQ(kelFTPCWriteClose(session), KEL_OK);
-  bool exists = false;
-  EXPECT_TRUE(readDisk(root + "/page.tif", &exists) == asString(content));
-
-  ASSERT_EQ(kelFTPCReadOpen(session, &file), KEL_OK);
-  std::string fetched;
-  char buffer[8192];
-  uint32_t count = 0;
-  do {
-    ASSERT_EQ(kelFTPCRead(session, buffer, sizeof buffer, &count), KEL_OK);
-    fetched.append(buffer, count);
-  } while (count != 0);
-  EXPECT_EQ(kelFTPCRead(session, buffer, sizeof buffer, &count), KEL_FTPC_NOT_READY);
-  ASSERT_EQ(kelFTPCReadClose(session), KEL_OK);
-  EXPECT_TRUE(fetched == asString(content));
-  EXPECT_EQ(kelFTPCProtoDelete(session, "", "page.tif"), KEL_OK);
-  EXPECT_EQ(kelFTPCEnd(session), KEL_OK);
-}
-
-TEST_F(ApplicationCalls, AbortDropsTheHalfWrittenUpload) {
-  kelFTPCSession *session = nullptr;
-  ASSERT_EQ(kelFTPCStart(&server, &session), KEL_OK);
+// The application calls: an abort drops the half-written upload; a wrong
+// password frees the session.
+TEST_F(RealServer, ApplicationCalls) {
+  if (env("KEL_FTP_PORT") != "21") GTEST_SKIP() << "the application calls use port 21";
+  kelFTPCServerRecord server = {getenv("KEL_FTP_HOST"), getenv("KEL_FTP_USER"), getenv("KEL_FTP_PASS")};
   kelFTPCFileRecord file = {"", "half.pdf"};
-  std::vector<unsigned char> content = pattern(0, 50000, 6);
-  ASSERT_EQ(kelFTPCWriteOpen(session, &file), KEL_OK);
-  ASSERT_EQ(kelFTPCWrite(session, content.data(), 50000), KEL_OK);
-  EXPECT_EQ(kelFTPCAbortEnd(session), KEL_OK);
-  bool exists = true;
-  readDisk(root + "/half.pdf", &exists);
-  EXPECT_FALSE(exists);
-}
-
-TEST_F(ApplicationCalls, WrongPasswordFreesTheSession) {
-  kelFTPCServerRecord wrong = {host.c_str(), user.c_str(), "not-the-password"};
-  kelFTPCSession *session = nullptr;
-  EXPECT_EQ(kelFTPCStart(&wrong, &session), KEL_FTPC_BAD_LOGIN);
+  kelFTPCSession *app = nullptr;
+  ASSERT_EQ(kelFTPCStart(&server, &app), KEL_OK);
+  ASSERT_EQ(kelFTPCWriteOpen(app, &file), KEL_OK);
+  ASSERT_EQ(kelFTPCWrite(app, pattern(50000, 3).data(), 50000), KEL_OK);
+  EXPECT_EQ(kelFTPCAbortEnd(app), KEL_OK);
+  EXPECT_EQ(onDisk("half.pdf"), "-");
+  server.password = "not-the-password";
+  EXPECT_EQ(kelFTPCStart(&server, &app), KEL_FTPC_BAD_LOGIN);
 }
 
 }  // namespace

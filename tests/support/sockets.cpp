@@ -1,7 +1,6 @@
 #include "sockets.h"
 
 #include <arpa/inet.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -17,12 +16,12 @@ sockaddr_in loopbackAddress(uint16_t port) {
   return a;
 }
 
-static int listenAny(int backlog, uint16_t *port) {
-  int l = socket(AF_INET, SOCK_STREAM, 0);
+int listenLoopback(int backlog, uint16_t *port) {
+  int l = socket(AF_INET, SOCK_STREAM, 0), on = 1;
+  setsockopt(l, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in a = loopbackAddress(0);
   socklen_t len = sizeof a;
-  if (bind(l, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
-      listen(l, backlog) != 0 ||
+  if (bind(l, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 || listen(l, backlog) != 0 ||
       getsockname(l, reinterpret_cast<sockaddr *>(&a), &len) != 0) {
     close(l);
     return -1;
@@ -33,36 +32,33 @@ static int listenAny(int backlog, uint16_t *port) {
 
 bool tcpPair(int *client, int *server) {
   uint16_t port;
-  int l = listenAny(1, &port);
-  if (l < 0) return false;
+  int l = listenLoopback(1, &port);
   *client = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a = loopbackAddress(port);
-  bool ok = connect(*client, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
+  bool ok = l >= 0 && connect(*client, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
   *server = ok ? accept(l, nullptr, nullptr) : -1;
   close(l);
   return ok && *server >= 0;
 }
 
 uint16_t closedPort() {
-  uint16_t port;
-  int l = listenAny(1, &port);
-  close(l);
+  uint16_t port = 0;
+  close(listenLoopback(1, &port));
   return port;
 }
 
 FullListener::FullListener() {
-  listener_ = listenAny(0, &port_);
-  if (listener_ < 0) return;
+  listener_ = listenLoopback(0, &port_);
   // Connect without accepting until an attempt no longer completes: from
   // then on the system drops new connection requests to this port.
-  for (int i = 0; i < 16 && !ok_; i++) {
+  for (int i = 0; listener_ >= 0 && i < 16 && !ok_; i++) {
     int s = socket(AF_INET, SOCK_STREAM, 0);
     fcntl(s, F_SETFL, O_NONBLOCK);
     sockaddr_in a = loopbackAddress(port_);
     connect(s, reinterpret_cast<sockaddr *>(&a), sizeof a);
     fillers_.push_back(s);
     pollfd p{s, POLLOUT, 0};
-    if (poll(&p, 1, 200) == 0) ok_ = true;
+    ok_ = poll(&p, 1, 200) == 0;
   }
 }
 
