@@ -18,10 +18,7 @@ using Control = ftpt::Ftp;
 TEST_F(Control, ReaderTakesOneWholeReplyAtATime) {
   std::string long600 = "257 ";
   while (long600.size() < 600) long600 += static_cast<char>('a' + long600.size() % 26);
-  const struct {
-    std::string bytes, last;
-    uint16_t code;
-  } cases[] = {
+  const struct { std::string bytes, last; uint16_t code; } cases[] = {
       {"211-first\r\n211x no end\r\n 211 nor\r\n230 nor\r\n211 end\r\n", "211 end", 211},
       {"226\r\n226 after the code alone\r\n", "226 after the code alone", 226},
       {"1234 first\r\n123 last\r\n", "123 last", 1234},
@@ -37,6 +34,7 @@ TEST_F(Control, ReaderTakesOneWholeReplyAtATime) {
   std::string all;
   for (const auto &c : cases) all += c.bytes;
   kelFTPCSession *s = open("S- " + kt::printable(all));
+  ftpt::call(s, "attach", peer_->port());
   for (const auto &c : cases) {
     uint16_t code = 0;
     ASSERT_EQ(kelFTPCReceiveResponse(s, &code), KEL_OK);
@@ -49,10 +47,7 @@ TEST_F(Control, ReaderTakesOneWholeReplyAtATime) {
 // A failed first line is a bad reply, a failed later line the reader's own
 // code. A time-out tears every connection down; the peer's close doesn't.
 TEST_F(Control, ReaderFailures) {
-  const struct {
-    const char *road;
-    kelResult want;
-  } cases[] = {
+  const struct { const char *road; kelResult want; } cases[] = {
       {"", KEL_FTPC_BAD_REPLY},
       {"S- 22", KEL_FTPC_BAD_REPLY},
       {"S: 220-more\nS: 220", KEL_FTPC_IO_TIMEOUT},
@@ -61,6 +56,7 @@ TEST_F(Control, ReaderFailures) {
   };
   for (const auto &c : cases) {
     kelFTPCSession *s = open(c.road, kShortMs);
+    ftpt::call(s, "attach", peer_->port());
     kelFTPCSetState(s, kReady | KEL_FTPC_TRANSFER);
     kelFTPCOpenSocket(&s->dataSocket);
     kelFTPCOpenSocket(&s->listenSocket);
@@ -77,51 +73,44 @@ TEST_F(Control, ReaderFailures) {
 // The login road with the result, the flags and the separator it leaves;
 // the close after it sends QUIT exactly when logged in and still connected.
 TEST_F(Control, LoginRoads) {
-  const std::string hi = "<220 hi|>USER u|";
-  const struct {
-    std::string road;
-    kelResult want;
-    uint32_t flags;
-    char separator;
-  } cases[] = {
-      {hi + "<331 pw|>PASS p|<230 in|>PWD|<257 \"/home\" here", KEL_OK, kReady, '/'},
-      {"<220-Welcome|<220x no end|< 220 nor|<220 ready|>USER u|<230 in|>PWD|<257 \"C:\\\\ftp\"",
-       KEL_OK, kReady, '\\'},
-      {hi + "<230 in|>PWD|<257 \"a\\\\b/c\"", KEL_OK, kReady, '/'},
-      {hi + "<230 in|>PWD|<257 \"SYS.FTP\"", KEL_OK, kReady, '.'},
-      {hi + "<230 in|>PWD|<502 no|>XPWD|<257 \"/x\"", KEL_OK, kReady, '/'},
-      {hi + "<230 in|>PWD|<500 no|>XPWD|<502 no", KEL_FTPC_NOT_IMPLEMENTED, kReady, 0},
-      {hi + "<230 in|>PWD|<257 \"home\"", KEL_FTPC_BAD_REPLY, kReady, 0},
-      {hi + "<230 in|>PWD|<257 \"/home", KEL_FTPC_BAD_REPLY, kReady, 0},
-      {hi + "<230 in|>PWD|<257 /a \"b.c\"", KEL_OK, kReady, '.'},
-      {hi + "<331 pw|>PASS p|<530 no", KEL_FTPC_BAD_LOGIN, KEL_FTPC_CONNECTED, 0},
-      {hi + "<332 account", KEL_FTPC_NEED_ACCOUNT, KEL_FTPC_CONNECTED, 0},
-      {"<421 busy", KEL_FTPC_CONNECT_FAILED, 0, 0},
-      {"<221 bye", KEL_FTPC_CONNECT_FAILED, 0, 0},
-      {hi + "close", KEL_FTPC_BAD_REPLY, KEL_FTPC_CONNECTED, 0},
+  const std::string hi = "<220 hi|>USER u|", in = hi + "<230 in|>PWD|<", bye = "|>QUIT|<221 bye|eof";
+  const std::pair<std::string, const char *> cases[] = {
+      {hi + "<331 pw|>PASS p|<230 in|>PWD|<257 \"/home\" here" + bye, "connect|flags=3|sep=/"},
+      {"<220-Hi|<220x no end|< 220 nor|<220 ready|>USER u|<230 in|>PWD|<257 \"C:\\\\ftp\"" + bye, "connect|sep=\\"},
+      {in + "257 \"a\\\\b/c\"" + bye, "connect|sep=/"},
+      {in + "257 \"SYS.FTP\"" + bye, "connect|sep=."},
+      {in + "502 no|>XPWD|<257 \"/x\"" + bye, "connect|sep=/"},
+      {in + "500 no|>XPWD|<502 no" + bye, "connect=notimpl|flags=3"},
+      {in + "257 \"home\"" + bye, "connect=odd"},
+      {in + "257 \"/home" + bye, "connect=odd"},
+      // Only the text between the quotes counts, all of its 128 bytes.
+      {in + "257 \"b.c\" in /" + bye, "connect|sep=."},
+      {in + "257 \"" + std::string(127, 'a') + "/\"" + bye, "connect|sep=/"},
+      {hi + "<331 pw|>PASS p|<530 no|eof", "connect=login|flags=1"},
+      {hi + "<332 account|eof", "connect=account|flags=1"},
+      {"<421 busy|eof", "connect=connfail|flags=0"},
+      {"<221 bye|eof", "connect=connfail"},
+      {hi + "close", "connect=odd|flags=1"},
   };
-  for (const auto &c : cases) {
-    bool quit = c.flags == kReady;
-    bool closes = c.road.find("close") != std::string::npos;
-    kelFTPCSession *s = open(c.road + (quit ? "|>QUIT|<221 bye|eof" : closes ? "" : "|eof"),
-                             kShortMs, false);
-    EXPECT_EQ(kelFTPCProtoConnect(s, "127.0.0.1", "u", "p"), c.want) << c.road;
-    EXPECT_EQ(s->flags, c.flags) << c.road;
-    EXPECT_EQ(s->pathSeparator, c.separator) << c.road;
-    done(s);
-  }
+  for (const auto &c : cases) run(c.first, c.second, kShortMs);
 }
 
-// Names of 63 bytes pass, of 64 are refused before anything happens; a
-// connect on a session already logged in is refused.
-TEST_F(Control, NamesAndRepeatedConnect) {
+// A session that a refused greeting left with flags 0 connects again and
+// gives up the old connection; names of 63 bytes pass, of 64 are refused
+// before anything happens; a logged-in session refuses another connect.
+TEST_F(Control, ConnectAgainNamesAndFailures) {
   const std::string server63 = "127." + std::string(55, '0') + ".0.1", name63(63, 'n');
-  kelFTPCSession *s = open("<220 hi|>USER " + name63 + "|<331 pw|>PASS " + name63 +
-                           "|<230 in|>PWD|<257 \"/\"|>QUIT|<221 bye|eof",
-                           ftpt::kWaitMs, false);
+  kt::TcpPeer second;
+  ftpt::script(second, "<220 hi|>USER " + name63 + "|<331 pw|>PASS " + name63 +
+                           "|<230 in|>PWD|<257 \"/\"|>QUIT|<221 bye|eof");
+  second.start();
+  kelFTPCSession *s = open("<421 busy|eof");
+  EXPECT_EQ(kelFTPCProtoConnect(s, "127.0.0.1", "u", "p"), KEL_FTPC_CONNECT_FAILED);
+  s->port = second.port();
   EXPECT_EQ(kelFTPCProtoConnect(s, server63.c_str(), name63.c_str(), name63.c_str()), KEL_OK);
   EXPECT_EQ(kelFTPCProtoConnect(s, "127.0.0.1", "u", "p"), KEL_FTPC_ALREADY_ACTIVE);
   done(s);
+  EXPECT_TRUE(second.finish()) << second.failure();
   s = kelFTPCProtoOpen(kt::closedPort(), kShortMs);
   const std::string long64(64, 'n'), server64 = "127." + std::string(56, '0') + ".0.1";
   EXPECT_EQ(kelFTPCProtoConnect(s, server64.c_str(), "u", "p"), KEL_FTPC_BAD_SERVER);

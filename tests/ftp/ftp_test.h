@@ -1,13 +1,27 @@
-// Shared by the FTP client's tests: a scripted server written as a
-// transcript, with shorthands of its own, and sessions made against it.
-// "|" also ends a line; "<text" is "S: text", ">text" is "C: text".
+// Shared by the FTP client's tests. A case is two texts: the server's side
+// as a transcript (transcript.h) and the client's calls with their results.
 //
+// The server's side also knows, with "|" ending a line as well:
+//   <text        "S: text"         >text      "C: text"
 //   login        greeting, USER u answered 230, PWD answered "/home"
 //   pasv CONN    PASV answered with a listener of the peer; the client's
 //                connection to it becomes CONN
 //   port CONN    PASV refused with 502, then PORT heard with the address of
 //                the client's end of the control connection; ${CONN.port}
 //                holds the announced port for "connect CONN.port CONN"
+//
+// The calls, separated by "|", each "call arguments = result" (no "= ..."
+// means ok); arguments are separated by one blank, "-" is an empty one:
+//   attach             the control connection alone, no greeting, flags 0
+//   connect [server]   log in as u with password p
+//   put/append/get D F the protocol opens (image, file, stream)
+//   wopen/ropen D F    the application's opens
+//   write TEXT, read [TEXT]   (read: to the end; the bytes must be TEXT)
+//   wclose, rclose, putclose, delete D F, abort, end
+//   TYPE 3, CWD d, PORT, PASV, STOR f ...   one command exchange
+//   final-put, final-get   the final reply after a data connection ended
+//   flags = N, sockets = CDL (1: control, data, listener open), sep = C,
+//   names = DIRECTORY,FILE (the transfer's names kept in the session)
 #pragma once
 
 #include <sys/socket.h>
@@ -16,6 +30,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -32,59 +47,34 @@ constexpr int kWaitMs = 1500;
 constexpr int kShortMs = 200;
 constexpr uint32_t kReady = KEL_FTPC_CONNECTED | KEL_FTPC_LOGGED_IN;
 
-inline void script(kt::TcpPeer &p, const std::string &text) {
-  p.stepTimeoutMs = 3000;
-  std::string all = text;
-  for (char &c : all) c = c == '|' ? '\n' : c;
-  std::istringstream lines(all);
-  std::string line, word, conn;
-  while (std::getline(lines, line)) {
-    line.erase(0, line.find_first_not_of(" "));
-    std::istringstream(line) >> word >> conn;
-    if (line[0] == '<' || line[0] == '>') {
-      kt::play(p, (line[0] == '<' ? "S: " : "C: ") + line.substr(1));
-    } else if (word == "login") {
-      kt::play(p, "S: 220 ready\nC: USER u\nS: 230 in\nC: PWD\nS: 257 \"/home\" is current");
-    } else if (word == "pasv") {
-      kt::play(p, "C: PASV\nlisten " + conn + "L\nS: 227 Entering Passive Mode (127,0,0,1,${" +
-                      conn + "L.p1},${" + conn + "L.p2}).\naccept " + conn + "L " + conn);
-    } else if (word == "port") {
-      kt::play(p, "C: PASV\nS: 502 not here");
-      p.expectLine("PORT 127,0,0,1,(\\d+),(\\d+)\r\n", {"hi", "lo"});
-      p.step([conn](kt::TcpPeer &q) {
-        q.setVar(conn + ".port", std::to_string(stoi(q.var("hi")) * 256 + stoi(q.var("lo"))));
-        return true;
-      });
-    } else {
-      kt::play(p, line);
-    }
-    word.clear();
-  }
-}
+std::vector<std::string> split(const std::string &text, char by);
+void script(kt::TcpPeer &p, const std::string &text);
+// One call of the calls' text; true when the session is gone.
+bool call(kelFTPCSession *&s, const std::string &item, uint16_t port);
 
 class Ftp : public kt::PoolGuard {
  protected:
-  // Starts a fresh peer on text. Then a session to it: logged in when the text
-  // starts with login; else with only its control socket connected, flags 0,
-  // when attach; else not connected at all.
-  kelFTPCSession *open(const std::string &text, int timeoutMs = kWaitMs, bool attach = true) {
+  // Starts a fresh peer on the server's text (none when empty) and opens a
+  // session to it, not yet connected.
+  kelFTPCSession *open(const std::string &server, int timeoutMs = kWaitMs) {
     peer_.reset(new kt::TcpPeer);
-    script(*peer_, text);
-    peer_->start();
-    kelFTPCSession *s = kelFTPCProtoOpen(peer_->port(), timeoutMs);
-    size_t first = text.find_first_not_of(" \n");
-    if (first != std::string::npos && text.compare(first, 5, "login") == 0) {
-      EXPECT_EQ(kelFTPCProtoConnect(s, "127.0.0.1", "u", "p"), KEL_OK);
-    } else if (attach) {
-      kelFTPCOpenSocket(&s->controlSocket);
-      kelFTPCConnectSocket(&s->controlSocket, kt::loopback(), peer_->port(), timeoutMs);
-    }
-    return s;
+    script(*peer_, server);
+    if (!server.empty()) peer_->start();
+    return kelFTPCProtoOpen(peer_->port(), timeoutMs);
   }
   // Closes the session with the result want; the script must have passed.
   void done(kelFTPCSession *s, kelResult want = KEL_OK) {
-    EXPECT_EQ(kelFTPCProtoClose(s), want);
+    if (s) {
+      EXPECT_EQ(kelFTPCProtoClose(s), want);
+    }
     EXPECT_TRUE(peer_->finish()) << peer_->failure();
+  }
+  // A case: the calls against the server, then the close.
+  void run(const std::string &server, const std::string &calls, int timeoutMs = kWaitMs) {
+    kelFTPCSession *s = open(server, timeoutMs);
+    for (const std::string &item : split(calls, '|'))
+      if (call(s, item, peer_->port())) s = nullptr;
+    done(s);
   }
   std::unique_ptr<kt::TcpPeer> peer_;
 };

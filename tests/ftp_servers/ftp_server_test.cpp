@@ -43,8 +43,7 @@ class RealServer : public kt::PoolGuard {
     kt::PoolGuard::SetUp();
     if (env("KEL_FTP_ROOT").empty()) GTEST_SKIP() << "run through tests/servers/with-ftpd.sh";
     s = kelFTPCProtoOpen(atoi(env("KEL_FTP_PORT").c_str()), 20000);
-    ASSERT_EQ(kelFTPCProtoConnect(s, env("KEL_FTP_HOST").c_str(), env("KEL_FTP_USER").c_str(),
-                                  env("KEL_FTP_PASS").c_str()), KEL_OK);
+    ASSERT_EQ(kelFTPCProtoConnect(s, server.serverName, server.userName, server.password), KEL_OK);
   }
   void TearDown() override {
     if (s) {
@@ -63,14 +62,15 @@ class RealServer : public kt::PoolGuard {
   }
   std::string get(const char *directory, const char *file) {
     EXPECT_EQ(kelFTPCProtoGetOpen(s, directory, file, 1, 1, 3), KEL_OK);
-    std::string content(50000, 0), all;
+    std::string block(50000, 0), all;
     uint32_t count = 1;
-    while (count != 0 && kelFTPCProtoGetData(s, &content[0], 50000, &count) == KEL_OK) all.append(content, 0, count);
+    while (count != 0 && kelFTPCProtoGetData(s, &block[0], 50000, &count) == KEL_OK) all.append(block, 0, count);
     EXPECT_EQ(count, 0u);
     EXPECT_EQ(kelFTPCProtoGetClose(s), KEL_OK);
     return all;
   }
   kelFTPCSession *s = nullptr;
+  kelFTPCServerRecord server = {getenv("KEL_FTP_HOST"), getenv("KEL_FTP_USER"), getenv("KEL_FTP_PASS")};
 };
 
 // Files of 0 and 1 byte and a large one: stored, appended to, fetched and
@@ -91,9 +91,9 @@ TEST_F(RealServer, StoreAppendRetrieveDelete) {
 // session usable.
 TEST_F(RealServer, PathsAndRefusals) {
   struct stat top;
-  ASSERT_EQ(stat(env("KEL_FTP_ROOT").c_str(), &top), 0);
-  ASSERT_EQ(mkdir((env("KEL_FTP_ROOT") + "/in").c_str(), 0777), 0);
-  ASSERT_EQ(chown((env("KEL_FTP_ROOT") + "/in").c_str(), top.st_uid, top.st_gid), 0);
+  std::string in = env("KEL_FTP_ROOT") + "/in";
+  ASSERT_TRUE(stat(env("KEL_FTP_ROOT").c_str(), &top) == 0 && mkdir(in.c_str(), 0777) == 0);
+  ASSERT_EQ(chown(in.c_str(), top.st_uid, top.st_gid), 0);
   put(false, "in", "scan.pdf", "scan");
   EXPECT_EQ(onDisk("in/scan.pdf"), "scan");
   EXPECT_EQ(get("in/", "scan.pdf"), "scan");
@@ -110,7 +110,6 @@ TEST_F(RealServer, PathsAndRefusals) {
 // password frees the session.
 TEST_F(RealServer, ApplicationCalls) {
   if (env("KEL_FTP_PORT") != "21") GTEST_SKIP() << "the application calls use port 21";
-  kelFTPCServerRecord server = {getenv("KEL_FTP_HOST"), getenv("KEL_FTP_USER"), getenv("KEL_FTP_PASS")};
   kelFTPCFileRecord file = {"", "half.pdf"};
   kelFTPCSession *app = nullptr;
   ASSERT_EQ(kelFTPCStart(&server, &app), KEL_OK);

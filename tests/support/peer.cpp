@@ -117,17 +117,13 @@ TcpPeer &TcpPeer::expectLine(const std::string &pattern, std::vector<std::string
   });
 }
 
-TcpPeer &TcpPeer::expectAllThenEof(const std::string &expected, const std::string &conn) {
-  return step([expected, conn](TcpPeer &p) {
-    std::string got;
-    char buffer[65536];
-    for (ssize_t n = 1; n > 0; got.append(buffer, n > 0 ? static_cast<size_t>(n) : 0))
-      if (!readable(p.fd(conn), p.stepTimeoutMs) || (n = recv(p.fd(conn), buffer, sizeof buffer, 0)) < 0)
-        return p.fail("no end of " + conn + " after " + std::to_string(got.size()) + " bytes");
-    p.received_[conn] += got;
-    return got == expected || p.fail(got.size() + expected.size() > 400
-               ? conn + ": " + std::to_string(got.size()) + " bytes, not the " + std::to_string(expected.size()) + " expected"
-               : "expected " + printable(expected) + " then end, got " + printable(got));
+TcpPeer &TcpPeer::expectEof(const std::string &conn) {
+  return step([conn](TcpPeer &p) {
+    char c;
+    ssize_t n = readable(p.fd(conn), p.stepTimeoutMs) ? recv(p.fd(conn), &c, 1, 0) : -1;
+    if (n > 0) p.received_[conn] += c;
+    return n == 0 || p.fail(n > 0 ? "expected the end of " + conn + ", got " + printable(std::string(1, c))
+                                  : "no end of " + conn);
   });
 }
 

@@ -44,10 +44,8 @@ class TcpPeer {
   // regex pattern as a whole. Groups 1.. are stored in the variables named.
   TcpPeer &expectLine(const std::string &pattern, std::vector<std::string> captures = {},
                       const std::string &conn = kControl);
-  // Reads until the client closes; everything read must equal expected.
-  TcpPeer &expectAllThenEof(const std::string &expected, const std::string &conn = kControl);
   // The client closes with nothing more sent.
-  TcpPeer &expectEof(const std::string &conn = kControl) { return expectAllThenEof("", conn); }
+  TcpPeer &expectEof(const std::string &conn = kControl);
   TcpPeer &stall(int ms);
   TcpPeer &close(const std::string &conn = kControl);
   // Opens a listener; sets ${name.port}, ${name.p1}, ${name.p2} (port high

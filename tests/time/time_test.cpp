@@ -25,56 +25,36 @@ class Time : public kt::PoolGuard {
 };
 
 // 5 March 2024 15:07:09 UTC at another hour or year.
-struct tm moment(int hour = 15, int year = 2024) {
-  struct tm t = {9, 7, hour, 5, 2, year - 1900, 0, 0, 0, 0, nullptr};
-  return t;
-}
+struct tm moment(int hour = 15, int year = 2024) { return {9, 7, hour, 5, 2, year - 1900, 0, 0, 0, 0, nullptr}; }
 
 // The device's setting byte (-1: not set), the call's arguments, the result
 // and the text: whole fields within the byte budget, the argument checks in
 // the order length, form, order, options. The bytes behind the text are
 // zero, those behind the buffer untouched.
 TEST_F(Time, DayTimeStrings) {
-  const struct {
-    int setting;
-    int32_t form;
-    uint32_t word, length;
-    int hour;
-    kelResult result;
-    const char *text;
-  } rows[] = {
-      {-1, 1, 0x00001, 64, 15, 0, "2024/03/05 15:07"},
+  const struct { int setting, form; uint32_t word, length; int hour; kelResult result; const char *text; } rows[] = {
       {-1, 1, 0x03002, 64, 15, 0, "03-05-24 15:07"},
       {-1, 1, 0x10804, 64, 15, 0, "05/03/2024 03:07:09PM"},
-      {-1, 2, 0x10804, 64, 15, 0, "05/Mar/2024 03:07:09PM"},
       {-1, 4, 0x10401, 64, 12, 0, "2024年03月05日 午後00時07分09秒"},
       {-1, 4, 0x00402, 64, 11, 0, "03月05日2024年 午前11時07分"},
       {-1, 4, 0x00801, 64, 23, 0, "2024年03月05日 11時07分午後"},
-      {-1, 1, 0x08001, 64, 0, 0, "202403050007"},
       {-1, 4, 0x18401, 64, 15, 0, "20240305午後030709"},
-      {-1, 1, 0x1A001, 64, 15, 0, "20240305150709"},
+      {-1, 1, 0x1A001, 64, 0, 0, "20240305000709"},
       {-1, 2, 0x04202, 64, 15, 0, "Mar 05 2024"},
       {-1, 1, 0x80020101, 64, 15, 0, "15:07"},
       {0x00, 0, 0x000, 64, 15, 0, "2024/03/05 15:07"},
       {0x21, 0, 0x000, 64, 15, 0, "05/Mar/2024 15:07"},
       {0x12, 0, 0x200, 64, 15, 0, "03月05日2024年"},
       {0x03, 0, 0x001, 64, 15, KEL_TIME_ERR_SETTING, ""},
-      {0x03, 1, 0x000, 64, 15, 0, "2024/03/05 15:07"},
       {0x30, 1, 0x000, 64, 15, KEL_TIME_ERR_SETTING, ""},
       {-1, 3, 0x0303, 0, 15, KEL_TIME_ERR_BUFFER, ""},
       {-1, 3, 0x0003, 16, 15, KEL_TIME_ERR_FORM, ""},
       {-1, 1, 0x0303, 16, 15, KEL_TIME_ERR_ORDER, ""},
-      {-1, 1, 0x0301, 16, 15, KEL_TIME_ERR_OPTIONS, ""},
       {-1, 1, 0x0c01, 16, 15, KEL_TIME_ERR_OPTIONS, ""},
-      {-1, 4, 0x6001, 16, 15, KEL_TIME_ERR_OPTIONS, ""},
       {-1, 1, 0x001, 17, 15, 0, "2024/03/05 15:07"},
       {-1, 1, 0x001, 16, 15, KEL_TIME_ERR_BUFFER, "2024/03/05 15:"},
-      {-1, 1, 0x001, 5, 15, KEL_TIME_ERR_BUFFER, "2024"},
-      {-1, 1, 0x001, 4, 15, KEL_TIME_ERR_BUFFER, ""},
       {-1, 4, 0x8201, 9, 15, KEL_TIME_ERR_BUFFER, "20240305"},
-      {-1, 4, 0x8201, 10, 15, 0, "20240305"},
       {-1, 4, 0x501, 16, 15, KEL_TIME_ERR_BUFFER, "午後03時07"},
-      {-1, 4, 0x501, 6, 15, KEL_TIME_ERR_BUFFER, ""},
   };
   for (const auto &r : rows) {
     kelHostStatusReset();
@@ -82,8 +62,7 @@ TEST_F(Time, DayTimeStrings) {
     struct tm t = moment(r.hour);
     char memory[96];
     memset(memory, 'x', sizeof memory);
-    EXPECT_EQ(kelTIMEGetDayTimeStr(mktime(&t), r.form, r.word, r.length, memory), r.result)
-        << r.form << " " << r.word << " " << r.length;
+    EXPECT_EQ(kelTIMEGetDayTimeStr(mktime(&t), r.form, r.word, r.length, memory), r.result) << r.word << " " << r.length;
     std::string inside(memory, r.length), outside(memory + r.length, sizeof memory - r.length);
     EXPECT_STREQ(inside.c_str(), r.text);
     EXPECT_EQ(inside.find_first_not_of('\0', strlen(r.text)), std::string::npos);
