@@ -7,7 +7,7 @@
 #include <sys/select.h>
 
 #include "ftp_internal.h"
-#include "kel_net_internal.h"
+#include "net_internal.h"
 #include "kelnet.h"
 
 namespace {

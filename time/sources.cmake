@@ -1,6 +1,6 @@
 list(APPEND KEL_LIBRARY_SOURCES
-  ${CMAKE_CURRENT_LIST_DIR}/keltime.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/kel_time_check.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/kel_time_format.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/kel_time_tokens.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/kel_time_expand.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/day_time.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/check.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/format.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/tokens.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/expand.cpp)

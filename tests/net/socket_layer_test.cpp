@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "kel_net_internal.h"
+#include "net_internal.h"
 #include "peer.h"
 #include "sockets.h"
 

@@ -11,7 +11,7 @@
 #include "kel_status.h"
 #include "kelhost.h"
 #include "pool_guard.h"
-#include "time/kel_time_internal.h"
+#include "time/time_internal.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string.h>
 
 #include "kel_status.h"
-#include "kel_time_internal.h"
+#include "time_internal.h"
 
 extern "C" const uint32_t kelTIMEMonthMessages[12] = {
     0xab, 0xac, 0xad, 0xae, 0xaf, 0xb0, 0xb1, 0xb2, 0xb3, 0xb4, 0xb5, 0xb6,

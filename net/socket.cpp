@@ -10,7 +10,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "kel_net_internal.h"
+#include "net_internal.h"
 #include "kel_os.h"
 
 extern "C" {

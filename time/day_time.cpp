@@ -6,7 +6,7 @@
 #include <string.h>
 
 #include "kel_os.h"
-#include "kel_time_internal.h"
+#include "time_internal.h"
 
 extern "C" KEL_API kelResult kelTIMEGetDayTimeStr(time_t time, int32_t dateForm,
                                                   uint32_t orderAndOptions,

@@ -3,7 +3,7 @@
 
 #include <string.h>
 
-#include "kel_time_internal.h"
+#include "time_internal.h"
 
 extern "C" kelResult kelTIMEExpandFormat(const struct tm *record,
                                          const char *format, uint32_t length,

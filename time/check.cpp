@@ -4,7 +4,7 @@
 #include <stdint.h>
 
 #include "kel_status.h"
-#include "kel_time_internal.h"
+#include "time_internal.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <string.h>
 
-#include "kel_time_internal.h"
+#include "time_internal.h"
 
 extern "C" const kelTIMEFormatRow kelTIMEFormatTable[] = {
     {1, 1, "%yy%CS%mm%CS%dd", "%hh%CC%nn"},
