@@ -41,8 +41,9 @@ install() {
   fi
   apt_install $(missing $(for deb in "$dir"/debs/*.deb; do dpkg-deb -f "$deb" Depends; done |
     tr ',' '\n' | sed 's/|.*//; s/(.*)//; s/:any//; s/ //g' | grep -E '^lib' | sort -u))
-  echo "auth required pam_userdb.so db=kel-vsftpd-users crypt=none
-account required pam_userdb.so db=kel-vsftpd-users crypt=none" >/etc/pam.d/kel-test-vsftpd
+  local pam="auth required pam_userdb.so db=kel-vsftpd-users crypt=none
+account required pam_userdb.so db=kel-vsftpd-users crypt=none"
+  [ "$(cat /etc/pam.d/kel-test-vsftpd 2>/dev/null)" = "$pam" ] || echo "$pam" >/etc/pam.d/kel-test-vsftpd
 }
 
 start() {
