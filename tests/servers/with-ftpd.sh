@@ -13,10 +13,11 @@ export KEL_FTP_USER=kel KEL_FTP_PASS=kelpass
 shift
 work=$(mktemp -d "${TMPDIR:-/tmp}/kel-ftpd.XXXXXX")
 export KEL_FTP_ROOT=$work/root
+trap 'rm -rf "$work"' EXIT
 pid=$("$ftpd" start "$KEL_FTP_KIND" "$work" "$KEL_FTP_PORT" "$KEL_FTP_USER" "$KEL_FTP_PASS")
 # A watcher outside this script's process group stops the server even when
 # the script itself is killed outright.
 setsid bash -c 'while kill -0 '$$' 2>/dev/null; do sleep 1; done; "$0" stop '"$pid"'; rm -rf "$1"' \
   "$ftpd" "$work" </dev/null >/dev/null 2>&1 &
-trap '"$ftpd" stop "$pid"' EXIT
+trap '"$ftpd" stop "$pid"; rm -rf "$work"' EXIT
 "$@"
