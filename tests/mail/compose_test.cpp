@@ -68,18 +68,25 @@ TEST_F(Compose, HeaderBlock) {
     EXPECT_EQ(kelMAILSendHeaderBlock(w.s), KEL_OK);
     EXPECT_TRUE(w.finish()) << w.peer.failure();
   }
-  // Failures send nothing and give everything back.
-  for (int round = 0; round < 4; round++) {
+  // Failures stop at once and give everything back.
+  const struct {
+    const char *sender;
+    int failure;
+    size_t failAt;  // the sender, then the subject's Base64
+    const char *sent;
+    kelResult result;
+  } failures[] = {{"", 0, 0, "", KEL_MAIL_ERR_NO_SENDER},
+                  {"me@x", -5, 0, "", KEL_MAIL_ERR_STATUS},
+                  {"me@x", 0, 1, "", KEL_MAIL_ERR_MEMORY},
+                  {"me@x", 0, 2, "From: me@x\r\nTo: a@x\r\n", KEL_MAIL_ERR_MEMORY}};
+  for (auto &f : failures) {
     Wire w;
     Wire::list(&w.s->toList, &w.s->toCount, {"a@x"});
-    w.s->subject[0] = '\0';
-    kelHostStatusSetText(KEL_STATUS_MAIL_SENDER, round == 0 ? "" : "me@x");
-    kelHostStatusFail(KEL_STATUS_MAIL_SENDER, round == 1 ? -5 : 0);
-    if (round >= 2) kelHostPoolFailAt(round - 1);  // sender, then subject
-    w.start(round == 3 ? "From: me@x\r\nTo: a@x\r\n" : "");
-    const kelResult want[] = {KEL_MAIL_ERR_NO_SENDER, KEL_MAIL_ERR_STATUS, KEL_MAIL_ERR_MEMORY,
-                              KEL_MAIL_ERR_MEMORY};
-    EXPECT_EQ(kelMAILSendHeaderBlock(w.s), want[round]) << round;
+    kelHostStatusSetText(KEL_STATUS_MAIL_SENDER, f.sender);
+    kelHostStatusFail(KEL_STATUS_MAIL_SENDER, f.failure);
+    w.start(f.sent);
+    kelHostPoolFailAt(f.failAt);
+    EXPECT_EQ(kelMAILSendHeaderBlock(w.s), f.result) << f.sent;
     kelHostPoolFailAt(0);
     EXPECT_TRUE(w.finish()) << w.peer.failure();
   }
