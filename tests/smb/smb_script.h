@@ -64,11 +64,11 @@ inline std::string createOrOpen(uint8_t command, const std::string &path) {
                                                 : std::vector<uint16_t>{0, 0};
   return Msg{command, words, str(path), 7}.wire();
 }
-inline std::string write(uint16_t fid, uint32_t offset, const std::string &data) {
+inline std::string writeFile(uint16_t fid, uint32_t offset, const std::string &data) {
   return Msg{0x0B, {fid, uint16_t(data.size()), uint16_t(offset), uint16_t(offset >> 16), 0},
              "\x01" + le16(unsigned(data.size())) + data, 7}.wire();
 }
-inline std::string close(uint16_t fid) { return Msg{0x04, {fid, 0xffff, 0xffff}, "", 7}.wire(); }
+inline std::string closeFile(uint16_t fid) { return Msg{0x04, {fid, 0xffff, 0xffff}, "", 7}.wire(); }
 inline std::string ok(uint8_t command, std::vector<uint16_t> words = {}) {
   return Msg{command, words, ""}.wire();
 }
