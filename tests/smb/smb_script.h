@@ -3,18 +3,13 @@
 // that take the fixed ports 137 and 139.
 #pragma once
 
-#include <dirent.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "peer.h"
 #include "pool_guard.h"
 #include "smb/smb_internal.h"
 #include "transcript.h"
@@ -80,23 +75,19 @@ class Net : public kt::PoolGuard {
     if (getenv("KEL_IN_NETNS") == nullptr) GTEST_SKIP() << "needs the test's network namespace";
     signal(SIGPIPE, SIG_IGN);
     kt::PoolGuard::SetUp();
-    descriptors_ = descriptors();
+    descriptor_ = lowestFreeDescriptor();
   }
   void TearDown() override {
     if (IsSkipped()) return;
-    EXPECT_EQ(descriptors(), descriptors_) << "descriptor leaked";
+    EXPECT_EQ(lowestFreeDescriptor(), descriptor_) << "descriptor leaked";
     EXPECT_EQ(fp, nullptr);
     kt::PoolGuard::TearDown();
   }
-  static int descriptors() {
-    int n = 0;
-    DIR *d = opendir("/proc/self/fd");
-    while (readdir(d) != nullptr) n++;
-    return closedir(d), n;
+  static int lowestFreeDescriptor() {
+    int fd = dup(0);
+    return close(fd), fd;
   }
-
- private:
-  int descriptors_ = 0;
+  int descriptor_ = 0;
 };
 
 }  // namespace smbt
