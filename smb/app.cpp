@@ -17,6 +17,8 @@ void copyText(char *buffer, size_t size, const char *text) {
   buffer[n] = '\0';
 }
 
+uint32_t chunkOf(uint32_t rest) { return rest < SMB_CHUNK ? rest : SMB_CHUNK; }
+
 // The local sink is given up: closed, and fp never left stale.
 void closeSink() {
   if (fp != nullptr) fclose(fp);
@@ -30,11 +32,9 @@ extern "C" {
 FILE *fp = nullptr;
 
 void smb_makehost(const char *server, char *out) {
+  // Every copy ends with its NUL, so no buffer needs clearing first.
   char work[256];
   char rest[254];
-  memset(work, 0, sizeof work);
-  memset(rest, 0, sizeof rest);
-  memset(makepath, 0, sizeof makepath);
   copyText(work, sizeof work, server);
   copyText(rest, sizeof rest,
            work[0] == '\\' && work[1] == '\\' ? work + 2 : work);
@@ -50,7 +50,6 @@ kelResult kelSMBCStart(const kelSMBCServerRecord *server,
                        const kelSMBCFileRecord *file) {
   char host[254];
   memset(host, 0, sizeof host);
-  memset(makepath, 0, sizeof makepath);
   smb_makehost(server->server, host);
   if (strcmp(file->directory, kSeparator) != 0) {
     size_t at = strlen(makepath);
@@ -83,7 +82,7 @@ kelResult kelSMBCWrite(kelSMBCSession *session, const void *data,
                        uint32_t count) {
   const uint8_t *at = static_cast<const uint8_t *>(data);
   for (uint32_t rest = count; rest > 0;) {
-    uint32_t chunk = rest < SMB_CHUNK ? rest : SMB_CHUNK;
+    uint32_t chunk = chunkOf(rest);
     kelResult r = kelSMBCprotoPutData(session, at, chunk);
     if (r != KEL_OK) return r;
     at += chunk;
@@ -119,7 +118,7 @@ kelResult kelSMBCRead(kelSMBCSession *session, const void *data,
                       uint32_t count) {
   const uint8_t *at = static_cast<const uint8_t *>(data);
   for (uint32_t rest = count; rest > 0;) {
-    uint32_t chunk = rest < SMB_CHUNK ? rest : SMB_CHUNK;
+    uint32_t chunk = chunkOf(rest);
     if (fp == nullptr) return KEL_SMB_ERR_FILE_WRITE;
     if (session->readOffset != 0)
       fseek(fp, static_cast<long>(session->readOffset), SEEK_SET);

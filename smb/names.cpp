@@ -82,10 +82,7 @@ int nb_makequery(uint8_t *buffer, int broadcast, int recursion,
                  int questionType) {
   putBig(buffer, NB_TRANSACTION_ID);
   putBig(buffer + 2, broadcast ? 0x0110 : recursion ? 0x0100 : 0);
-  putBig(buffer + 4, 1);
-  putBig(buffer + 6, 0);
-  putBig(buffer + 8, 0);
-  putBig(buffer + 10, 0);
+  putBig(buffer + 4, 1);  // the other counts stay 0 in the zeroed buffer
   int n = nb_putquestion(buffer + 12, name, fill, type, scope, questionType);
   return n < 0 ? -1 : 12 + n;
 }
@@ -133,12 +130,8 @@ void nb_storestatusreply(const uint8_t *buffer, int received) {
   if (count > whole) count = whole;
   for (int i = 0; i < count; i++) {
     const uint8_t *entry = buffer + table + kEntrySize * i;
-    char name[16];
-    int length = nb_cleanname(entry, 15, name);
-    if (entry[15] == 0x20) {
-      memcpy(smbhdl->serverName, name, static_cast<size_t>(length));
-      smbhdl->serverName[length] = '\0';
-    }
+    // The cleaned name, at most 15 bytes, replaces serverName's text.
+    if (entry[15] == 0x20) smbhdl->serverName[nb_cleanname(entry, 15, smbhdl->serverName)] = '\0';
   }
   const uint8_t *mac = buffer + table + kEntrySize * count;
   printf("MAC: %.2x:%.2x:%.2x:%.2x:%.2x:%.2x\n", mac[0], mac[1], mac[2],

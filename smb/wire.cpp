@@ -66,7 +66,6 @@ int pathRequest(uint8_t *buffer, int32_t capacity, uint8_t command,
   size_t p = strlen(path);
   uint32_t words = 2u * wordCount;
   uint32_t length = static_cast<uint32_t>(35 + words + 2 + p);
-  if (p > SMB_MAX_LENGTH) return -1;
   uint8_t *smb = begin(buffer, capacity, command, wordCount, length);
   if (smb == nullptr) return -1;
   if (command == 0x03) smb_putlong(smb, kWords + 2, kNoTime);
@@ -146,7 +145,6 @@ int smb_maketreeconnect(kelSMBCSession *session, uint8_t *buffer,
                         int32_t capacity, const char *share) {
   size_t p = strlen(share);
   size_t w = strnlen(session->password, sizeof session->password);
-  if (p + w > SMB_MAX_LENGTH) return -1;
   uint32_t length = static_cast<uint32_t>(p + w + 43);
   uint8_t *smb = begin(buffer, capacity, 0x70, 0, length);
   if (smb == nullptr) return -1;
@@ -239,27 +237,26 @@ kelResult smb_transact(kelSMBCSession *session, const uint8_t *request,
   for (int sent = 0; sent < length;) {
     int n = kelNETSendTimeo(session->socket, request + sent,
                             static_cast<uint32_t>(length - sent), 0, timeout);
-    if (n == KEL_NET_ERROR || n == 0) return KEL_SMB_ERR_SEND;
-    if (n < 0) return KEL_SMB_ERR_IO_TIMEOUT;
+    if (n < 0) return n == KEL_NET_ERROR ? KEL_SMB_ERR_SEND : KEL_SMB_ERR_IO_TIMEOUT;
+    if (n == 0) return KEL_SMB_ERR_SEND;
     sent += n;
   }
-  // Read on until the session message is complete; a peer that closes
-  // leaves zeros behind what came. What the buffer can't hold is read and
-  // dropped, so that the next exchange starts at the next message.
+  // Read the 4 bytes of the framing, then the rest of the message that it
+  // announces, and nothing of the next. A peer that closes leaves zeros
+  // behind what came. What the buffer can't hold is read and dropped, so
+  // that the next exchange starts at the next message.
   uint8_t spill[SMB_BUFFER_SIZE];
   uint32_t got = 0;
   uint32_t whole = 4;
   while (got < whole) {
-    uint8_t *into = got < capacity ? reply + got : spill;
-    uint32_t room = got < capacity ? capacity - got : sizeof spill;
-    if (room > whole - got && got >= 4) room = whole - got;
-    int n = kelNETRecvTimeo(session->socket, into, room, 0, timeout);
-    if (n == KEL_NET_ERROR) return KEL_SMB_ERR_RECV;
-    if (n < 0) return KEL_SMB_ERR_IO_TIMEOUT;
+    const bool fits = got < capacity;
+    uint32_t room = fits ? capacity - got : sizeof spill;
+    if (room > whole - got) room = whole - got;
+    int n = kelNETRecvTimeo(session->socket, fits ? reply + got : spill, room, 0, timeout);
+    if (n < 0) return n == KEL_NET_ERROR ? KEL_SMB_ERR_RECV : KEL_SMB_ERR_IO_TIMEOUT;
     if (n == 0) break;
     got += static_cast<uint32_t>(n);
-    if (got >= 4)
-      whole = 4 + ((reply[1] & 0x01u) << 16 | reply[2] << 8 | reply[3]);
+    if (got >= 4) whole = 4 + ((reply[1] & 0x01u) << 16 | reply[2] << 8 | reply[3]);
   }
   return KEL_OK;
 }

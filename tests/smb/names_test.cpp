@@ -21,7 +21,7 @@ TEST(NetbiosName, FirstLevelEncodingFillsAndCutsAt15) {
     EXPECT_EQ(nb_encodename(out, name, 0x61, 0x1b), letters) << name;
   }
   uint8_t q[64];
-  EXPECT_EQ(nb_putquestion(q, "a", 0x20, 0, "", 34), -1);
+  EXPECT_EQ(nb_makequery(q, 0, 0, "a", 0x20, 0, "", 34), -1);
   EXPECT_EQ(nb_encodefullname(reinterpret_cast<char *>(q), "a", 0x20, 0, "ab.c"), 39);
   EXPECT_EQ(std::string(q + 33, q + 39), nul("\x02" "AB\x01" "C"));
 }

@@ -26,7 +26,7 @@ class Wire : public kt::PoolGuard {
   static std::string build(Builder builder, size_t capacity = SMB_DATA_BUFFER_SIZE) {
     std::vector<uint8_t> buffer(capacity, 0);
     int n = builder(buffer.data(), int32_t(capacity));
-    return n < 0 ? "refused" : std::string(buffer.begin(), buffer.begin() + n);
+    return n == -1 ? "refused" : std::string(buffer.begin(), buffer.begin() + std::max(n, 0));
   }
   static std::string after(uint8_t command, std::vector<uint16_t> words, std::string bytes) {
     return Msg{command, words, bytes, 7, 0x0102, 0x0304};
