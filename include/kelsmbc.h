@@ -137,7 +137,9 @@ KEL_API void smb_makehost(const char *server, char *out);
  * No call tests its arguments: the session must be one that
  * kelSMBCprotoOpen or kelSMBCStart delivered. A request that does
  * not fit its buffer (a path too long, more than 4448 data bytes) is not
- * sent; the result is KEL_SMB_ERR_SEND. */
+ * sent; the result is KEL_SMB_ERR_SEND. Every request goes out whole, and
+ * every reply is read to the end of its session message, however many
+ * sends and receives that takes. */
 
 /* A new session, held in smbhdl too, with its datagram socket (allowed to
  * broadcast). Null, with smbhdl null, if the allocator gives no memory. */

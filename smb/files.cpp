@@ -100,7 +100,7 @@ kelResult kelSMBCprotoGetData(kelSMBCSession *session, void *out,
   uint8_t reply[SMB_DATA_BUFFER_SIZE];
   memset(request, 0, sizeof request);
   memset(reply, 0, sizeof reply);
-  int length = smb_makeread(request, sizeof request, count & 0xFFFF);
+  int length = smb_makeread(request, sizeof request, count);  // low 16 bits go out
   kelResult r = smb_transact(session, request, length, reply, sizeof reply);
   if (r != KEL_OK) return r;
   uint32_t n = smb_getword(reply + 4, kDataLength);

@@ -11,6 +11,8 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+
 #include "kelnet.h"
 #include "smb_internal.h"
 
@@ -101,7 +103,9 @@ int nb_sendquery(int handle, const uint8_t *packet, int length,
 }
 
 int nb_waitreply(int handle, int timeoutMs) {
-  struct pollfd wait = {handle, POLLIN, 0};
+  struct pollfd wait = {};
+  wait.fd = handle;
+  wait.events = POLLIN;
   int ready = poll(&wait, 1, timeoutMs);
   if (ready < 0) nb_stop("poll()");
   return ready;
@@ -127,7 +131,7 @@ void nb_storestatusreply(const uint8_t *buffer, int received) {
   // entries than arrived is cut to those that arrived whole.
   int count = table - 1 < received ? buffer[table - 1] : 0;
   const int whole = received > table ? (received - table) / kEntrySize : 0;
-  if (count > whole) count = whole;
+  count = std::min(count, whole);
   for (int i = 0; i < count; i++) {
     const uint8_t *entry = buffer + table + kEntrySize * i;
     // The cleaned name, at most 15 bytes, replaces serverName's text.
@@ -139,8 +143,8 @@ void nb_storestatusreply(const uint8_t *buffer, int received) {
 }
 
 void nb_readnamereply(int handle, int timeoutMs) {
+  // Only received bytes are read: nothing needs clearing first.
   uint8_t buffer[SMB_BUFFER_SIZE];
-  memset(buffer, 0, sizeof buffer);
   int n = kelNETRecvTimeo(handle, buffer, sizeof buffer, 0, timeoutMs);
   if (n < 0) nb_stop("recv()");
   if (n < 12) nb_stop(nullptr);

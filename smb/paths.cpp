@@ -29,6 +29,7 @@ void smb_splitpath(char *path, const char *file, char *share,
                    char *filePath) {
   const size_t size = SMB_BUFFER_SIZE;
   memset(checkdirpath, 0, sizeof checkdirpath);
+  // strtok_r: the split keeps its position to itself.
   char *position = nullptr;
   const char *server = strtok_r(path, kSeparator, &position);
   if (server != nullptr) {

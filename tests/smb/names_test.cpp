@@ -46,7 +46,8 @@ class NameReply : public kt::PoolGuard {
 };
 
 TEST_F(NameReply, StatusReplyNamesTheServerByItsLastServerEntry) {
-  EXPECT_EQ(status(statusReply({}, "\x01\x02\x03\x04\x05\xfe")), "MAC: 01:02:03:04:05:fe\n");
+  // Behind the MAC, bytes that would read as one more server entry.
+  EXPECT_EQ(status(statusReply({}, "\x01\x02\x03\x04\x05\xfe" + rep("x", 9) + " ")), "MAC: 01:02:03:04:05:fe\n");
   EXPECT_STREQ(s->serverName, "A-LONGER-NAME");
   EXPECT_EQ(status(statusReply({{"OLD", 0x20}, {"SRV1", 0}, {"S R\x01V1", 0x20}, {"WG", 0x1e}}, "")),
             "MAC: 00:00:00:00:00:00\n");

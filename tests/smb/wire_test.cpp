@@ -42,6 +42,7 @@ TEST_F(Wire, RequestsCarryTheSessionsIdentifiersAndTheirLimits) {
   EXPECT_EQ(build(smb_makesessionrequest, 71), "refused");
   s->password[0] = '\0';
   EXPECT_EQ(build(std::bind(smb_maketreeconnect, s, _1, _2, "")), after(0x70, {}, str("") + str("") + str("A:")));
+  EXPECT_EQ(build(std::bind(smb_maketreeconnect, s, _1, _2, ""), 46), "refused");
   EXPECT_EQ(build(std::bind(smb_makeopen, _1, _2, "")), after(0x02, {0, 0}, str("")));
   s->readFid = 0x0c0d, s->readOffset = 0x01020304;
   EXPECT_EQ(build(std::bind(smb_makeread, _1, _2, 0x12345)), after(0x0A, {0x0c0d, 0x2345, 0x0304, 0x0102, 0}, ""));
@@ -50,6 +51,7 @@ TEST_F(Wire, RequestsCarryTheSessionsIdentifiersAndTheirLimits) {
   EXPECT_EQ(build(write("")), after(0x0B, {0, 0, 0, 0, 0}, "\x01" + le16(0)));
   EXPECT_EQ(build(write(std::string(4448, 'x'))).size(), 4500u);
   EXPECT_EQ(build(write(std::string(4449, 'x'))), "refused");
+  EXPECT_EQ(build([](uint8_t *b, int32_t c) { return smb_makewrite(b, c, "", 0xFFFFFFF0u); }), "refused");
   EXPECT_EQ(build(write("c")), after(0x0B, {0, 1, 4448, 0, 0}, "\x01" + le16(1) + "c"));
   EXPECT_EQ(s->writeOffset, 4449u);
 }
