@@ -5,6 +5,7 @@
 #include "kelftpc.h"
 #include "keltime.h"
 #include "kelmail.h"
+#include "kelsmbc.h"
 
 int main(void) {
   uint32_t address = 0;
@@ -30,5 +31,6 @@ int main(void) {
     if (digest[0] != 0xd4 || digest[15] != 0x7e) return 8;
     if (sizeof kelMAILRecvBuffer != 256 || sizeof kelMAILSendBuffer != 256) return 9;
   }
+  if (smbhdl != NULL || fp != NULL || makepath[0] != 0) return 10;
   return (int)ok;
 }

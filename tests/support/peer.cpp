@@ -43,7 +43,7 @@ static bool pause(int ms) {
   return true;
 }
 
-TcpPeer::TcpPeer() { listener_ = listenLoopback(8, &port_); }
+TcpPeer::TcpPeer(uint16_t port) : port_(port) { listener_ = listenLoopback(8, &port_); }
 
 TcpPeer::~TcpPeer() {
   finish();
@@ -181,8 +181,9 @@ bool TcpPeer::finish() {
   return failure_.empty();
 }
 
-UdpPeer::UdpPeer(uint16_t port) : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
+UdpPeer::UdpPeer(uint16_t port, uint32_t address) : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
   sockaddr_in a = loopbackAddress(port);
+  a.sin_addr.s_addr = address;
   socklen_t len = sizeof a;
   if (bind(fd_, reinterpret_cast<sockaddr *>(&a), len) == 0 && getsockname(fd_, reinterpret_cast<sockaddr *>(&a), &len) == 0)
     port_ = ntohs(a.sin_port);

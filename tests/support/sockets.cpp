@@ -19,7 +19,7 @@ sockaddr_in loopbackAddress(uint16_t port) {
 int listenLoopback(int backlog, uint16_t *port) {
   int l = socket(AF_INET, SOCK_STREAM, 0), on = 1;
   setsockopt(l, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_in a = loopbackAddress(0);
+  sockaddr_in a = loopbackAddress(*port);
   socklen_t len = sizeof a;
   if (bind(l, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 || listen(l, backlog) != 0 ||
       getsockname(l, reinterpret_cast<sockaddr *>(&a), &len) != 0) {
@@ -31,7 +31,7 @@ int listenLoopback(int backlog, uint16_t *port) {
 }
 
 bool tcpPair(int *client, int *server) {
-  uint16_t port;
+  uint16_t port = 0;
   int l = listenLoopback(1, &port);
   *client = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a = loopbackAddress(port);

@@ -11,7 +11,8 @@ namespace kt {
 // IPv4 socket address of 127.0.0.1 at port (host order).
 sockaddr_in loopbackAddress(uint16_t port);
 
-// A TCP listener on 127.0.0.1 at a free port, stored in *port; -1 if none.
+// A TCP listener on 127.0.0.1 at *port (0: a free port, stored in *port);
+// -1 if none.
 int listenLoopback(int backlog, uint16_t *port);
 
 // A connected pair of TCP sockets on loopback; false if it can't be made.
