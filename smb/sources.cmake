@@ -1,0 +1,8 @@
+list(APPEND KEL_LIBRARY_SOURCES
+  ${CMAKE_CURRENT_LIST_DIR}/session.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/wire.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/names.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/files.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/paths.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/app.cpp
+)
