@@ -13,7 +13,6 @@
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -36,78 +35,53 @@ std::string pattern(size_t length, uint32_t seed) {
   return bytes;
 }
 
-std::string readDisk(const std::string &path, bool *exists = nullptr) {
+std::string readDisk(const std::string &path) {
   std::ifstream in(path, std::ios::binary);
-  if (exists) *exists = static_cast<bool>(in);
   return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void writeDisk(const std::string &path, const std::string &bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-  chmod(path.c_str(), 0666);
 }
 
 // ---- the name service, against every kind of server ----
 
-class NameService : public kt::PoolGuard {
- protected:
-  void SetUp() override {
-    kt::PoolGuard::SetUp();
-    if (env("KEL_SMB_ADDR").empty()) {
-      GTEST_SKIP() << "run through tests/servers/with-smb.sh";
-    }
-  }
-  // Connects to server as far as it goes; a file server's share is there.
-  kelResult connect(const std::string &server, uint16_t timeoutMs = 3000) {
-    session = kelSMBCprotoOpen(server.c_str(), "KELTEST", env("KEL_SMB_PASS").c_str(), 0,
-                               timeoutMs);
-    std::string path = "\\\\" + server + "\\SHARE";
-    return session ? kelSMBCprotoConnect(session, &path[0], "f") : KEL_SMB_ERR_SOCKET;
-  }
-  // The result of a connect that found the server: without a file server
-  // behind the name server, the TCP connect is refused.
-  kelResult reached() const { return env("KEL_SMB_SHARE").empty() ? KEL_SMB_ERR_CONNECT : 0; }
-  void TearDown() override {
-    if (session) {
-      EXPECT_EQ(kelSMBCprotoClose(session), 0u);
-    }
-    kt::PoolGuard::TearDown();
-  }
-  kelSMBCSession *session = nullptr;
-};
+class NameService : public kt::PoolGuard {};
 
-TEST_F(NameService, StatusQueryLearnsTheNameOfTheServerAndPrintsItsMac) {
-  testing::internal::CaptureStdout();
-  kelResult result = connect(env("KEL_SMB_ADDR"));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "MAC: 00:00:00:00:00:00\n");
-  EXPECT_EQ(result, reached());
-  ASSERT_NE(session, nullptr);
-  EXPECT_STREQ(session->serverName, env("KEL_SMB_NAME").c_str());
-  EXPECT_EQ(session->serverAddress, inet_addr(env("KEL_SMB_ADDR").c_str()));
-}
-
-TEST_F(NameService, BroadcastQueryOfALowerCaseNameLearnsTheAddress) {
-  std::string name = env("KEL_SMB_NAME");
-  for (char &c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  EXPECT_EQ(connect(name), reached());
-  ASSERT_NE(session, nullptr);
-  EXPECT_EQ(session->serverAddress, inet_addr(env("KEL_SMB_ADDR").c_str()));
-  EXPECT_STREQ(session->serverName, name.c_str());
-}
-
-// Nobody answers a silent address, nor a name that no server holds: the
-// connect gives up after the name service's own wait, not the session's.
-TEST_F(NameService, NoAnswerEndsTheConnectAfterTheNameServiceWait) {
-  for (std::string server : {env("KEL_SMB_SILENT"), std::string("NOSUCHKELSRV")}) {
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(connect(server, 20000), KEL_SMB_ERR_NO_ANSWER) << server;
-    double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_GE(waited, 0.7) << server;
-    EXPECT_LT(waited, 10.0) << server;
+// A server named by its address gets a status query and the session learns
+// its name; one named by its name (in lower case) gets a broadcast query and
+// the session learns its address. Nobody answers a silent address or a name
+// that no server holds: the connect gives up after the name service's wait,
+// not the session's. Without a file server behind the name server, a
+// connect that found it fails at the TCP step.
+TEST_F(NameService, FindsTheServerByAddressOrByName) {
+  std::string addr = env("KEL_SMB_ADDR"), name = env("KEL_SMB_NAME"), lower = name;
+  if (addr.empty()) {
+    GTEST_SKIP() << "run through tests/servers/with-smb.sh";
+  }
+  for (char &c : lower) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  kelResult found = env("KEL_SMB_SHARE").empty() ? KEL_SMB_ERR_CONNECT : 0;
+  struct {
+    std::string server;
+    kelResult result;
+    std::string learnedName;
+    uint32_t learnedAddress;
+    const char *printed;
+  } rows[] = {{addr, found, name, inet_addr(addr.c_str()), "MAC: 00:00:00:00:00:00\n"},
+              {lower, found, lower, inet_addr(addr.c_str()), ""},
+              {env("KEL_SMB_SILENT"), KEL_SMB_ERR_NO_ANSWER, env("KEL_SMB_SILENT"), 0, ""},
+              {"NOSUCHKELSRV", KEL_SMB_ERR_NO_ANSWER, "NOSUCHKELSRV", 0, ""}};
+  for (auto &row : rows) {
+    std::string path = "\\\\" + row.server + "\\SHARE";
+    auto begin = std::chrono::steady_clock::now();
+    testing::internal::CaptureStdout();
+    kelSMBCSession *session =
+        kelSMBCprotoOpen(row.server.c_str(), "KELTEST", env("KEL_SMB_PASS").c_str(), 0, 20000);
     ASSERT_NE(session, nullptr);
-    EXPECT_EQ(session->state, 0u);
+    EXPECT_EQ(kelSMBCprotoConnect(session, &path[0], "f"), row.result) << row.server;
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), row.printed) << row.server;
+    std::chrono::duration<double> waited = std::chrono::steady_clock::now() - begin;
+    EXPECT_LT(waited.count(), 10.0) << row.server;
+    EXPECT_GE(waited.count(), row.result == KEL_SMB_ERR_NO_ANSWER ? 0.7 : 0) << row.server;
+    EXPECT_STREQ(session->serverName, row.learnedName.c_str());
+    EXPECT_EQ(session->serverAddress, row.learnedAddress) << row.server;
     EXPECT_EQ(kelSMBCprotoClose(session), 0u);
-    session = nullptr;
   }
 }
 
@@ -117,96 +91,87 @@ class Share : public kt::PoolGuard {
  protected:
   void SetUp() override {
     kt::PoolGuard::SetUp();
-    share = env("KEL_SMB_SHARE");
     if (share.empty()) {
       GTEST_SKIP() << "no file server of the core dialect here";
     }
-    std::string dir = (env("TMPDIR").empty() ? "/tmp" : env("TMPDIR")) + "/kel-smb.XXXXXX";
-    ASSERT_NE(mkdtemp(&dir[0]), nullptr);
-    local = dir + "/sink";
-    // The server works as an account of its own: the folders are open to all.
+    // The server works as an account of its own: its folders are open to all.
     ASSERT_EQ(mkdir((share + "/sub").c_str(), 0777), 0);
     ASSERT_EQ(chmod((share + "/sub").c_str(), 0777), 0);
   }
   void TearDown() override {
     if (!share.empty()) {
-      EXPECT_EQ(system(("rm -rf " + share + "/sub " + share + "/*.bin " +
-                        local.substr(0, local.rfind('/'))).c_str()), 0);
+      EXPECT_EQ(system(("rm -rf " + share + "/sub " + share + "/*.bin " + local).c_str()), 0);
     }
     kt::PoolGuard::TearDown();
   }
-  kelResult start(const char *server, const char *password) {
-    kelSMBCServerRecord record = {server, "KELTEST", password};
+  kelResult start(const std::string &password = env("KEL_SMB_PASS"),
+                  const std::string &server = env("KEL_SMB_ADDR") + "\\SHARE") {
+    kelSMBCServerRecord record = {server.c_str(), "KELTEST", password.c_str()};
     return kelSMBCStart(&record, &session, &files);
   }
   void upload(const std::string &bytes) {
     ASSERT_EQ(kelSMBCWriteOpen(session, &files), 0u);
-    for (size_t done = 0; done < bytes.size();) {
-      size_t n = std::min<size_t>(65535, bytes.size() - done);
-      ASSERT_EQ(kelSMBCWrite(session, bytes.data() + done, static_cast<uint32_t>(n)), 0u);
-      done += n;
+    for (size_t done = 0; done < bytes.size(); done += 65535) {
+      uint32_t n = static_cast<uint32_t>(std::min<size_t>(65535, bytes.size() - done));
+      ASSERT_EQ(kelSMBCWrite(session, bytes.data() + done, n), 0u) << done;
     }
     ASSERT_EQ(kelSMBCWriteClose(session), 0u);
   }
-  // Fetches the whole file, as a device does, in requests of 4096 bytes.
-  void download(size_t expected) {
+  // Fetches a file in requests of 4096 bytes, as a device does, to its end
+  // or for the given rounds.
+  void download(size_t rounds) {
     ASSERT_EQ(kelSMBCReadOpen(session, &files), 0u);
-    EXPECT_EQ(session->fileSize, expected);
-    char buffer[4096];
-    for (size_t rounds = 0; rounds <= expected / 4096 + 1; rounds++) {
+    for (char buffer[4096]; rounds-- > 0;) {
       ASSERT_EQ(kelSMBCprotoGetData(session, buffer, sizeof buffer), 0u);
-      if (session->dataLength == 0) break;
+      if (session->dataLength == 0) return;
       ASSERT_EQ(kelSMBCRead(session, buffer, session->dataLength), 0u);
     }
-    EXPECT_EQ(session->dataLength, 0u) << "the end of the file was never reached";
-    ASSERT_EQ(kelSMBCReadClose(session), 0u);
   }
-  std::string share, local, server = env("KEL_SMB_ADDR") + "\\SHARE";
-  kelSMBCFileRecord files = {"\\", "f.bin", nullptr};
+  std::string share = env("KEL_SMB_SHARE"),
+              local = (env("TMPDIR").empty() ? "/tmp" : env("TMPDIR")) + "/kel-smb-sink." +
+                      std::to_string(getpid());
+  kelSMBCFileRecord files = {"\\", "f.bin", local.c_str()};
   kelSMBCSession *session = nullptr;
 };
 
-class Sizes : public Share, public testing::WithParamInterface<size_t> {};
+struct Transfer {
+  size_t size;
+  const char *file, *onDisk;
+};
+class Transfers : public Share, public testing::WithParamInterface<Transfer> {};
 
-// Sizes around the client's chunk of 4038 bytes, and one of many chunks.
-TEST_P(Sizes, UploadThenDownloadKeepsEveryByte) {
-  std::string bytes = pattern(GetParam(), 7);
-  files.localFile = local.c_str();
-  ASSERT_EQ(start(server.c_str(), env("KEL_SMB_PASS").c_str()), 0u);
+// Sizes around the client's chunk of 4038 bytes, one of many chunks, and a
+// file in a folder of the share.
+TEST_P(Transfers, UploadThenDownloadKeepsEveryByte) {
+  std::string bytes = pattern(GetParam().size, 7);
+  files.file = GetParam().file;
+  ASSERT_EQ(start(), 0u);
   upload(bytes);
-  bool exists = false;
-  EXPECT_TRUE(readDisk(share + "/f.bin", &exists) == bytes);
-  EXPECT_TRUE(exists);
-  download(bytes.size());
+  EXPECT_EQ(access((share + GetParam().onDisk).c_str(), F_OK), 0);
+  EXPECT_TRUE(readDisk(share + GetParam().onDisk) == bytes);
+  download(bytes.size() / 4096 + 2);
+  EXPECT_EQ(session->fileSize, bytes.size());
+  ASSERT_EQ(kelSMBCReadClose(session), 0u);
   EXPECT_TRUE(readDisk(local) == bytes);
   EXPECT_EQ(kelSMBCEnd(session), 0u);
 }
-INSTANTIATE_TEST_SUITE_P(SmbServer, Sizes, testing::Values(0, 1, 4038, 4039, 1 << 20));
-
-// By name, the password in other case, a file in a subdirectory of the share.
-TEST_F(Share, FileInASubdirectoryThroughTheServersName) {
-  std::string bytes = pattern(5000, 3), password = env("KEL_SMB_PASS");
-  for (char &c : password) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  files = {"\\", "sub\\in.bin", local.c_str()};
-  ASSERT_EQ(start(("\\\\" + env("KEL_SMB_NAME") + "\\SHARE").c_str(), password.c_str()), 0u);
-  upload(bytes);
-  EXPECT_TRUE(readDisk(share + "/sub/in.bin") == bytes);
-  download(bytes.size());
-  EXPECT_TRUE(readDisk(local) == bytes);
-  EXPECT_EQ(kelSMBCEnd(session), 0u);
-}
+INSTANTIATE_TEST_SUITE_P(SmbServer, Transfers,
+                         testing::Values(Transfer{0, "f.bin", "/f.bin"},
+                                         Transfer{1, "f.bin", "/f.bin"},
+                                         Transfer{4038, "f.bin", "/f.bin"},
+                                         Transfer{4039, "sub\\f.bin", "/sub/f.bin"},
+                                         Transfer{1 << 20, "f.bin", "/f.bin"}));
 
 // The server's refusals reach the caller folded: (class << 4) + code.
 TEST_F(Share, RefusalsComeBackFolded) {
-  EXPECT_EQ(start(server.c_str(), "WRONG"), 0x22u);
-  EXPECT_EQ(start(server.c_str(), ""), 0x22u);
-  EXPECT_EQ(start((env("KEL_SMB_ADDR") + "\\NOSHARE").c_str(), "x"), 0x53u);
+  EXPECT_EQ(start("WRONG"), 0x22u);
+  EXPECT_EQ(start(""), 0x22u);
+  EXPECT_EQ(start("x", env("KEL_SMB_ADDR") + "\\NOSHARE"), 0x53u);
 
-  files.localFile = local.c_str();
-  ASSERT_EQ(start(server.c_str(), env("KEL_SMB_PASS").c_str()), 0u);
+  ASSERT_EQ(start(), 0u);
   files.file = "missing.bin";
   EXPECT_EQ(kelSMBCReadOpen(session, &files), 0x12u);
-  EXPECT_NE(access(local.c_str(), F_OK), 0) << "no local sink for a missing file";
+  EXPECT_NE(access(local.c_str(), F_OK), 0) << "a local sink for a missing file";
   // The create in a missing folder is refused (0x13), and so is the close
   // of no file that follows it, which decides the result.
   files.file = "nodir\\f.bin";
@@ -214,35 +179,27 @@ TEST_F(Share, RefusalsComeBackFolded) {
   EXPECT_EQ(kelSMBCEnd(session), 0u);
 }
 
-// An abort during an upload deletes the partial file; during a download it
-// leaves the remote file alone and keeps what the local sink got.
 TEST_F(Share, AbortDuringEachRoad) {
   std::string bytes = pattern(10000, 5);
-  files.localFile = local.c_str();
-  ASSERT_EQ(start(server.c_str(), env("KEL_SMB_PASS").c_str()), 0u);
-  ASSERT_EQ(kelSMBCWriteOpen(session, &files), 0u);
-  ASSERT_EQ(kelSMBCWrite(session, bytes.data(), 10000), 0u);
-  EXPECT_EQ(kelSMBCAbortEnd(session), 0u);
-  EXPECT_NE(access((share + "/f.bin").c_str(), F_OK), 0) << "partial upload left behind";
-
-  writeDisk(share + "/f.bin", bytes);
-  ASSERT_EQ(start(server.c_str(), env("KEL_SMB_PASS").c_str()), 0u);
-  ASSERT_EQ(kelSMBCReadOpen(session, &files), 0u);
-  char buffer[4096];
-  ASSERT_EQ(kelSMBCprotoGetData(session, buffer, sizeof buffer), 0u);
-  ASSERT_EQ(kelSMBCRead(session, buffer, session->dataLength), 0u);
+  // After a finished upload the abort's second close is refused: the
+  // session stays for the end, and the file stays.
+  ASSERT_EQ(start(), 0u);
+  upload(bytes);
+  EXPECT_EQ(kelSMBCAbortEnd(session), 0x16u);
+  EXPECT_EQ(kelSMBCEnd(session), 0u);
+  // A download's abort keeps the remote file and what the local sink got.
+  ASSERT_EQ(start(), 0u);
+  download(1);
   EXPECT_EQ(kelSMBCAbortEnd(session), 0u);
   EXPECT_EQ(fp, nullptr);
   EXPECT_TRUE(readDisk(share + "/f.bin") == bytes);
   EXPECT_TRUE(readDisk(local) == bytes.substr(0, 4096));
-
-  // After a finished upload the abort's second close is refused, and the
-  // session stays for the end; the file stays too.
-  ASSERT_EQ(start(server.c_str(), env("KEL_SMB_PASS").c_str()), 0u);
-  upload(bytes);
-  EXPECT_EQ(kelSMBCAbortEnd(session), 0x16u);
-  EXPECT_EQ(kelSMBCEnd(session), 0u);
-  EXPECT_TRUE(readDisk(share + "/f.bin") == bytes);
+  // An upload's abort deletes the partial file.
+  ASSERT_EQ(start(), 0u);
+  ASSERT_EQ(kelSMBCWriteOpen(session, &files), 0u);
+  ASSERT_EQ(kelSMBCWrite(session, bytes.data(), 5000), 0u);
+  EXPECT_EQ(kelSMBCAbortEnd(session), 0u);
+  EXPECT_NE(access((share + "/f.bin").c_str(), F_OK), 0) << "a partial upload left behind";
 }
 
 }  // namespace
