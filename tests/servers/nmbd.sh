@@ -52,14 +52,15 @@ EOF
     ip netns exec "$ns" nmbd -F --no-process-group -s "$wd/nmbd.conf" </dev/null >>"$wd/nmbd.log" 2>&1 &
     pid=$!
     for _ in $(seq 100); do
-        is_nmbd $pid || break
+        kill -0 $pid 2>/dev/null || break
         if ip netns exec "$ns" nmblookup -s "$wd/nmbd.conf" -B "${addr%.*}.255" "$name" >/dev/null 2>&1; then
             echo $pid
             exit 0
         fi
         sleep 0.1
     done
-    say "nmbd did not register $name; see $wd/nmbd.log"
+    say "nmbd did not register $name:"
+    tail -n 20 "$wd/nmbd.log" >&2
     "$0" stop $pid
     exit 1 ;;
 stop)

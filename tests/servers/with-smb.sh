@@ -42,8 +42,10 @@ oldsamba)
     run=/tmp/oldsamba # where its restore.sh unpacks it
     exec 9>"$run.kel-lock" # one run at a time: it has one namespace and one share
     flock 9
-    trap '"$run/stop.sh" >/dev/null' EXIT
-    "$fixture/restore.sh" >/dev/null && "$run/start.sh" netns >/dev/null
+    cleanup() { "$run/stop.sh" >/dev/null; }
+    trap cleanup EXIT
+    out=$("$fixture/restore.sh" 2>&1) || { echo "$out" >&2; exit 1; }
+    "$run/start.sh" netns >/dev/null
     ns=oldsamba
     export KEL_SMB_ADDR=10.137.0.1 KEL_SMB_NAME=OLDSAMBA KEL_SMB_SILENT=10.137.0.77
     export KEL_SMB_SHARE=$run/share KEL_SMB_PASS=SECRET
@@ -53,6 +55,11 @@ oldsamba)
     done ;;
 *) echo "usage: with-smb.sh nmbd|oldsamba <command> [args...]" >&2; exit 2 ;;
 esac
+# Should this script be killed outright (a test's time-out), a watcher that
+# is no longer our descendant still stops the server.
+watcher=$( (while kill -0 $$ 2>/dev/null; do sleep 1; done; cleanup) </dev/null >/dev/null 2>&1 &
+    echo $!)
 rc=0
 ip netns exec $ns "$@" || rc=$?
+kill "$watcher" 2>/dev/null || true
 exit $rc

@@ -45,8 +45,8 @@ std::string readDisk(const std::string &path) {
 class NameService : public kt::PoolGuard {};
 
 // A server named by its address gets a status query and the session learns
-// its name; one named by its name (in lower case) gets a broadcast query and
-// the session learns its address. Nobody answers a silent address or a name
+// its name; one named by its name (in lower case, as a user may type it)
+// gets a broadcast query and the session learns its address. Nobody answers a silent address or a name
 // that no server holds: the connect gives up after the name service's wait,
 // not the session's. Without a file server behind the name server, a
 // connect that found it fails at the TCP step.
@@ -94,15 +94,17 @@ class Share : public kt::PoolGuard {
     if (share.empty()) {
       GTEST_SKIP() << "no file server of the core dialect here";
     }
+    clean();
     // The server works as an account of its own: its folders are open to all.
     ASSERT_EQ(mkdir((share + "/sub").c_str(), 0777), 0);
     ASSERT_EQ(chmod((share + "/sub").c_str(), 0777), 0);
   }
   void TearDown() override {
-    if (!share.empty()) {
-      EXPECT_EQ(system(("rm -rf " + share + "/sub " + share + "/*.bin " + local).c_str()), 0);
-    }
+    if (!share.empty()) clean();
     kt::PoolGuard::TearDown();
+  }
+  void clean() {
+    EXPECT_EQ(system(("rm -rf " + share + "/sub " + share + "/*.bin " + local).c_str()), 0);
   }
   kelResult start(const std::string &password = env("KEL_SMB_PASS"),
                   const std::string &server = env("KEL_SMB_ADDR") + "\\SHARE") {
@@ -138,6 +140,7 @@ struct Transfer {
   size_t size;
   const char *file, *onDisk;
 };
+void PrintTo(const Transfer &t, std::ostream *os) { *os << t.size << " bytes to " << t.file; }
 class Transfers : public Share, public testing::WithParamInterface<Transfer> {};
 
 // Sizes around the client's chunk of 4038 bytes, one of many chunks, and a
