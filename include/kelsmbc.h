@@ -134,7 +134,8 @@ KEL_API kelResult kelSMBCReadClose(kelSMBCSession *session);
 KEL_API void smb_makehost(const char *server, char *out);
 
 /* ---- Protocol calls ----
- * A null session is refused with KEL_SMB_ERR_SOCKET. A request that does
+ * No call tests its arguments: the session must be one that
+ * kelSMBCprotoOpen or kelSMBCStart delivered. A request that does
  * not fit its buffer (a path too long, more than 4448 data bytes) is not
  * sent; the result is KEL_SMB_ERR_SEND. */
 

@@ -117,7 +117,6 @@ kelResult kelSMBCReadOpen(kelSMBCSession *session,
 // Counts of any size are stored whole; with no sink open nothing is written.
 kelResult kelSMBCRead(kelSMBCSession *session, const void *data,
                       uint32_t count) {
-  if (session == nullptr) return KEL_SMB_ERR_SOCKET;
   const uint8_t *at = static_cast<const uint8_t *>(data);
   for (uint32_t rest = count; rest > 0;) {
     uint32_t chunk = rest < SMB_CHUNK ? rest : SMB_CHUNK;
@@ -141,7 +140,6 @@ kelResult kelSMBCReadClose(kelSMBCSession *session) {
 }
 
 kelResult kelSMBCAbortEnd(kelSMBCSession *session) {
-  if (session == nullptr) return KEL_SMB_ERR_SOCKET;
   if (session->writeFid != 0) {
     kelResult r = kelSMBCprotoPutClose(session);
     if (r != KEL_OK) return r;

@@ -59,7 +59,6 @@ extern "C" {
 
 kelResult kelSMBCprotoPutOpen(kelSMBCSession *session, char *path,
                               const char *file) {
-  if (session == nullptr) return KEL_SMB_ERR_SOCKET;
   Buffers b;
   kelResult r = openFile(session, path, file, smb_makecreate, b, true);
   if (r != KEL_OK) return r;
@@ -69,7 +68,6 @@ kelResult kelSMBCprotoPutOpen(kelSMBCSession *session, char *path,
 
 kelResult kelSMBCprotoGetOpen(kelSMBCSession *session, char *path,
                               const char *file) {
-  if (session == nullptr) return KEL_SMB_ERR_SOCKET;
   Buffers b;
   kelResult r = openFile(session, path, file, smb_makeopen, b, false);
   if (r != KEL_OK) return r;
@@ -80,7 +78,6 @@ kelResult kelSMBCprotoGetOpen(kelSMBCSession *session, char *path,
 
 kelResult kelSMBCprotoPutData(kelSMBCSession *session, const void *data,
                               uint32_t count) {
-  if (session == nullptr) return KEL_SMB_ERR_SOCKET;
   uint8_t request[SMB_DATA_BUFFER_SIZE];
   uint8_t reply[SMB_BUFFER_SIZE];
   memset(request, 0, sizeof request);
@@ -90,7 +87,6 @@ kelResult kelSMBCprotoPutData(kelSMBCSession *session, const void *data,
 }
 
 kelResult kelSMBCprotoPutClose(kelSMBCSession *session) {
-  if (session == nullptr) return KEL_SMB_ERR_SOCKET;
   Buffers b;
   int length = smb_makeclosewrite(b.request, sizeof b.request);
   kelResult r = smb_exchange(session, b.request, length, b.reply, sizeof b.reply);
@@ -100,7 +96,6 @@ kelResult kelSMBCprotoPutClose(kelSMBCSession *session) {
 
 kelResult kelSMBCprotoGetData(kelSMBCSession *session, void *out,
                               uint32_t count) {
-  if (session == nullptr) return KEL_SMB_ERR_SOCKET;
   uint8_t request[SMB_DATA_BUFFER_SIZE];
   uint8_t reply[SMB_DATA_BUFFER_SIZE];
   memset(request, 0, sizeof request);
@@ -115,14 +110,12 @@ kelResult kelSMBCprotoGetData(kelSMBCSession *session, void *out,
 }
 
 kelResult kelSMBCprotoGetClose(kelSMBCSession *session) {
-  if (session == nullptr) return KEL_SMB_ERR_SOCKET;
   kelResult r = blindExchange(session, smb_makecloseread);
   if (r != KEL_OK) session->readOffset = 0;
   return r;
 }
 
 kelResult kelSMBCprotodelete(kelSMBCSession *session, const char *path) {
-  if (session == nullptr) return KEL_SMB_ERR_SOCKET;
   Buffers b;
   int length = smb_makedelete(b.request, sizeof b.request, path);
   return smb_transact(session, b.request, length, b.reply, sizeof b.reply);

@@ -55,7 +55,6 @@ kelSMBCSession *kelSMBCprotoOpen(const char *server, const char *callingName,
 
 kelResult kelSMBCprotoConnect(kelSMBCSession *session, char *path,
                               const char *file) {
-  if (session == nullptr) return KEL_SMB_ERR_SOCKET;
   // A session that is already connected keeps its connection: a second
   // name exchange would run on the stream socket.
   if (session->state != 0) return KEL_SMB_ERR_CONNECT;
@@ -109,7 +108,6 @@ kelResult kelSMBCprotoConnect(kelSMBCSession *session, char *path,
 }
 
 kelResult kelSMBCprotoClose(kelSMBCSession *session) {
-  if (session == nullptr) return KEL_SMB_ERR_SOCKET;
   if (session->state == 2) {
     uint8_t request[SMB_BUFFER_SIZE];
     uint8_t reply[SMB_BUFFER_SIZE];

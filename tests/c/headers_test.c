@@ -21,7 +21,6 @@ int main(void) {
   }
   if (kelFTPCCommandReplyQUIT(NULL) != KEL_FTPC_BAD_SESSION) return 7;
   if (kelTIMEGetDayTimeStr(0, 1, 1, 0, NULL) != KEL_TIME_ERR_BUFFER) return 6;
-  if (kelSMBCprotoClose(NULL) != KEL_SMB_ERR_SOCKET) return 8;
   if (smbhdl != NULL || fp != NULL || makepath[0] != 0) return 9;
   return (int)ok;
 }

@@ -31,6 +31,7 @@ uint32_t loopback() { return htonl(INADDR_LOOPBACK); }
 
 namespace {
 
+// Listens on 127.0.0.1 at *port (0: any free port) and stores the port.
 int listenLoopback(uint16_t *port) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
   int on = 1;
@@ -38,6 +39,7 @@ int listenLoopback(uint16_t *port) {
   sockaddr_in a{};
   a.sin_family = AF_INET;
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = htons(*port);
   if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
       ::listen(fd, 8) != 0) {
     ::close(fd);
@@ -56,7 +58,9 @@ bool waitReadable(int fd, int ms) {
 
 }  // namespace
 
-TcpPeer::TcpPeer() { listener_ = listenLoopback(&port_); }
+TcpPeer::TcpPeer(uint16_t port) : port_(port) {
+  listener_ = listenLoopback(&port_);
+}
 
 TcpPeer::~TcpPeer() {
   if (started_) finish();
@@ -291,11 +295,11 @@ bool TcpPeer::finish() {
 
 // ---- UDP ----
 
-UdpPeer::UdpPeer(uint16_t port) {
+UdpPeer::UdpPeer(uint16_t port, uint32_t address) {
   fd_ = socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in a{};
   a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_addr.s_addr = address;
   a.sin_port = htons(port);
   if (bind(fd_, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0) {
     socklen_t len = sizeof a;

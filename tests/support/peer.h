@@ -30,7 +30,8 @@ class TcpPeer {
   // How long any one step waits for the client before it fails.
   int stepTimeoutMs = 5000;
 
-  TcpPeer();
+  // Listens on 127.0.0.1 at port; 0 takes any free port.
+  explicit TcpPeer(uint16_t port = 0);
   ~TcpPeer();
   TcpPeer(const TcpPeer &) = delete;
   TcpPeer &operator=(const TcpPeer &) = delete;
@@ -105,8 +106,9 @@ class TcpPeer {
 class UdpPeer {
  public:
   int stepTimeoutMs = 5000;
-  // Binds 127.0.0.1 at port (0: any free port).
-  explicit UdpPeer(uint16_t port = 0);
+  // Binds address (network byte order; default 127.0.0.1) at port (0: any
+  // free port).
+  explicit UdpPeer(uint16_t port = 0, uint32_t address = loopback());
   ~UdpPeer();
   uint16_t port() const { return port_; }
   // Receives one datagram; it must equal expected. Remembers its sender.
