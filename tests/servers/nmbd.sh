@@ -18,19 +18,15 @@ case ${1:-} in
 install)
     dpkg-query -W -f='${Status}' samba 2>/dev/null | grep -q 'ok installed' && exit 0
     [ "$(id -u)" = 0 ] || { say "samba is missing; run as root to install it"; exit 1; }
-    before=$(daemons)
-    policy=/usr/sbin/policy-rc.d # forbids the package's service starts
+    before=$(daemons) policy=/usr/sbin/policy-rc.d # forbids the package's service starts
     if [ ! -e $policy ]; then
-        printf '#!/bin/sh\nexit 101\n' >$policy && chmod 755 $policy
-        trap 'rm -f $policy' EXIT
+        printf '#!/bin/sh\nexit 101\n' >$policy && chmod 755 $policy && trap 'rm -f $policy' EXIT
     fi
     say "apt-get install samba"
     apt-get update -qq
     DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends samba >/dev/null
     for pid in $(daemons); do
-        grep -qx "$pid" <<<"$before" && continue
-        say "stopping $(cat "/proc/$pid/comm") (pid $pid), started by the install"
-        kill "$pid"
+        grep -qx "$pid" <<<"$before" || { say "stopping pid $pid, started by the install"; kill "$pid"; }
     done ;;
 start)
     wd=$2 ns=$3 addr=$4 name=$5
@@ -38,7 +34,6 @@ start)
     cat >"$wd/nmbd.conf" <<EOF
 [global]
 netbios name = $name
-workgroup = KELWG
 interfaces = $addr/24
 bind interfaces only = yes
 local master = no
@@ -51,7 +46,7 @@ log file = $wd/nmbd.log
 EOF
     ip netns exec "$ns" nmbd -F --no-process-group -s "$wd/nmbd.conf" </dev/null >>"$wd/nmbd.log" 2>&1 &
     pid=$!
-    for _ in $(seq 100); do
+    for _ in $(seq 100); do # its names are registered about 4 s after its start
         kill -0 $pid 2>/dev/null || break
         if ip netns exec "$ns" nmblookup -s "$wd/nmbd.conf" -B "${addr%.*}.255" "$name" >/dev/null 2>&1; then
             echo $pid
@@ -68,7 +63,5 @@ stop)
     kill "$2"
     for _ in $(seq 50); do is_nmbd "$2" || exit 0; sleep 0.1; done
     kill -KILL "$2" ;;
-*)
-    say "usage: nmbd.sh install | start <workdir> <netns> <address> <name> | stop <pid>"
-    exit 2 ;;
+*) say "usage: nmbd.sh install | start <workdir> <netns> <address> <name> | stop <pid>"; exit 2 ;;
 esac

@@ -44,12 +44,12 @@ std::string readDisk(const std::string &path) {
 
 class NameService : public kt::PoolGuard {};
 
-// A server named by its address gets a status query and the session learns
+// A server named by its address gets a status query, and the session learns
 // its name; one named by its name (in lower case, as a user may type it)
-// gets a broadcast query and the session learns its address. Nobody answers a silent address or a name
-// that no server holds: the connect gives up after the name service's wait,
-// not the session's. Without a file server behind the name server, a
-// connect that found it fails at the TCP step.
+// gets a broadcast query, and the session learns its address. Nobody answers
+// a silent address or a name that no server holds: the connect gives up
+// after the name service's wait, not the session's. Without a file server
+// behind the name server, a connect that found it fails at the TCP step.
 TEST_F(NameService, FindsTheServerByAddressOrByName) {
   std::string addr = env("KEL_SMB_ADDR"), name = env("KEL_SMB_NAME"), lower = name;
   if (addr.empty()) {
@@ -61,26 +61,27 @@ TEST_F(NameService, FindsTheServerByAddressOrByName) {
     std::string server;
     kelResult result;
     std::string learnedName;
-    uint32_t learnedAddress;
-    const char *printed;
-  } rows[] = {{addr, found, name, inet_addr(addr.c_str()), "MAC: 00:00:00:00:00:00\n"},
-              {lower, found, lower, inet_addr(addr.c_str()), ""},
-              {env("KEL_SMB_SILENT"), KEL_SMB_ERR_NO_ANSWER, env("KEL_SMB_SILENT"), 0, ""},
-              {"NOSUCHKELSRV", KEL_SMB_ERR_NO_ANSWER, "NOSUCHKELSRV", 0, ""}};
+  } rows[] = {{addr, found, name},
+              {lower, found, lower},
+              {env("KEL_SMB_SILENT"), KEL_SMB_ERR_NO_ANSWER, env("KEL_SMB_SILENT")},
+              {"NOSUCHKELSRV", KEL_SMB_ERR_NO_ANSWER, "NOSUCHKELSRV"}};
   for (auto &row : rows) {
+    SCOPED_TRACE(row.server);
+    bool answered = row.result != KEL_SMB_ERR_NO_ANSWER;
     std::string path = "\\\\" + row.server + "\\SHARE";
     auto begin = std::chrono::steady_clock::now();
     testing::internal::CaptureStdout();
     kelSMBCSession *session =
         kelSMBCprotoOpen(row.server.c_str(), "KELTEST", env("KEL_SMB_PASS").c_str(), 0, 20000);
     ASSERT_NE(session, nullptr);
-    EXPECT_EQ(kelSMBCprotoConnect(session, &path[0], "f"), row.result) << row.server;
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), row.printed) << row.server;
+    EXPECT_EQ(kelSMBCprotoConnect(session, &path[0], "f"), row.result);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              row.server == addr ? "MAC: 00:00:00:00:00:00\n" : "");
     std::chrono::duration<double> waited = std::chrono::steady_clock::now() - begin;
-    EXPECT_LT(waited.count(), 10.0) << row.server;
-    EXPECT_GE(waited.count(), row.result == KEL_SMB_ERR_NO_ANSWER ? 0.7 : 0) << row.server;
+    EXPECT_LT(waited.count(), 10.0);
+    EXPECT_GE(waited.count(), answered ? 0 : 0.7);
     EXPECT_STREQ(session->serverName, row.learnedName.c_str());
-    EXPECT_EQ(session->serverAddress, row.learnedAddress) << row.server;
+    EXPECT_EQ(session->serverAddress, answered ? inet_addr(addr.c_str()) : 0);
     EXPECT_EQ(kelSMBCprotoClose(session), 0u);
   }
 }
@@ -136,39 +137,28 @@ class Share : public kt::PoolGuard {
   kelSMBCSession *session = nullptr;
 };
 
-struct Transfer {
-  size_t size;
-  const char *file, *onDisk;
-};
-void PrintTo(const Transfer &t, std::ostream *os) { *os << t.size << " bytes to " << t.file; }
-class Transfers : public Share, public testing::WithParamInterface<Transfer> {};
+class Transfers : public Share, public testing::WithParamInterface<size_t> {};
 
-// Sizes around the client's chunk of 4038 bytes, one of many chunks, and a
-// file in a folder of the share.
+// Sizes around the client's chunk of 4038 bytes and one of many chunks, to
+// and from a folder of the share.
 TEST_P(Transfers, UploadThenDownloadKeepsEveryByte) {
-  std::string bytes = pattern(GetParam().size, 7);
-  files.file = GetParam().file;
+  std::string bytes = pattern(GetParam(), 7);
+  files.file = "sub\\f.bin";
   ASSERT_EQ(start(), 0u);
   upload(bytes);
-  EXPECT_EQ(access((share + GetParam().onDisk).c_str(), F_OK), 0);
-  EXPECT_TRUE(readDisk(share + GetParam().onDisk) == bytes);
+  EXPECT_EQ(access((share + "/sub/f.bin").c_str(), F_OK), 0);
+  EXPECT_TRUE(readDisk(share + "/sub/f.bin") == bytes);
   download(bytes.size() / 4096 + 2);
   EXPECT_EQ(session->fileSize, bytes.size());
   ASSERT_EQ(kelSMBCReadClose(session), 0u);
   EXPECT_TRUE(readDisk(local) == bytes);
   EXPECT_EQ(kelSMBCEnd(session), 0u);
 }
-INSTANTIATE_TEST_SUITE_P(SmbServer, Transfers,
-                         testing::Values(Transfer{0, "f.bin", "/f.bin"},
-                                         Transfer{1, "f.bin", "/f.bin"},
-                                         Transfer{4038, "f.bin", "/f.bin"},
-                                         Transfer{4039, "sub\\f.bin", "/sub/f.bin"},
-                                         Transfer{1 << 20, "f.bin", "/f.bin"}));
+INSTANTIATE_TEST_SUITE_P(SmbServer, Transfers, testing::Values(0, 1, 4038, 4039, 1 << 20));
 
 // The server's refusals reach the caller folded: (class << 4) + code.
 TEST_F(Share, RefusalsComeBackFolded) {
   EXPECT_EQ(start("WRONG"), 0x22u);
-  EXPECT_EQ(start(""), 0x22u);
   EXPECT_EQ(start("x", env("KEL_SMB_ADDR") + "\\NOSHARE"), 0x53u);
 
   ASSERT_EQ(start(), 0u);
