@@ -42,7 +42,7 @@ oldsamba)
     run=/tmp/oldsamba # where its restore.sh unpacks it
     exec 9>"$run.kel-lock" # one run at a time: it has one namespace and one share
     flock 9
-    cleanup() { "$run/stop.sh" >/dev/null; }
+    cleanup() { "$run/stop.sh" --remove-netns >/dev/null; }
     trap cleanup EXIT
     out=$("$fixture/restore.sh" 2>&1) || { echo "$out" >&2; exit 1; }
     "$run/start.sh" netns >/dev/null
