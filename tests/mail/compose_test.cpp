@@ -25,7 +25,7 @@ struct Wire {
   }
   ~Wire() { kelMAILFreeSmtpSession(s); }
   void start(const std::string &want) {
-    peer.expectAllThenEof(want);
+    peer.expect(want).expectEof();
     peer.start();
     EXPECT_EQ(kelMAILConnect(&s->socket, "127.0.0.1", peer.port()), KEL_OK);
   }
