@@ -1,5 +1,5 @@
 // The FTP client against a real server, started for this program by
-// tests/servers/with-ftpd.sh, which tells where through the environment:
+// scripts/servers/with-ftpd.sh, which tells where through the environment:
 // KEL_FTP_HOST, KEL_FTP_PORT (21: the application calls run too), KEL_FTP_USER,
 // KEL_FTP_PASS, KEL_FTP_ROOT (the server's directory on this machine) and
 // KEL_FTP_KIND (pyftpdlib-nopasv refuses passive mode: every transfer runs
@@ -41,7 +41,7 @@ class RealServer : public kt::PoolGuard {
  protected:
   void SetUp() override {
     kt::PoolGuard::SetUp();
-    if (env("KEL_FTP_ROOT").empty()) GTEST_SKIP() << "run through tests/servers/with-ftpd.sh";
+    if (env("KEL_FTP_ROOT").empty()) GTEST_SKIP() << "run through scripts/servers/with-ftpd.sh";
     s = kelFTPCProtoOpen(atoi(env("KEL_FTP_PORT").c_str()), 20000);
     ASSERT_EQ(kelFTPCProtoConnect(s, server.serverName, server.userName, server.password), KEL_OK);
   }

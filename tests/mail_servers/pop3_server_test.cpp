@@ -1,4 +1,4 @@
-// The POP3 client against a real server (see tests/servers/dovecot.sh): both
+// The POP3 client against a real server (see scripts/servers/dovecot.sh): both
 // logins, STAT, LIST sizes, RETR compared byte for byte, DELE then QUIT,
 // LAST, a refused login and the POP3 step of the SMTP start.
 
@@ -19,7 +19,7 @@ class Pop3Server : public kt::PoolGuard {
   void SetUp() override {
     kt::PoolGuard::SetUp();
     const char *port = getenv("KEL_POP3_PORT"), *dir = getenv("KEL_POP3_MAILDIR");
-    if (port == nullptr || dir == nullptr) GTEST_SKIP() << "no POP3 server (tests/servers/dovecot.sh)";
+    if (port == nullptr || dir == nullptr) GTEST_SKIP() << "no POP3 server (scripts/servers/dovecot.sh)";
     maildir = dir;
     kelHostStatusReset();
     kelHostStatusSetText(KEL_STATUS_POP3_SERVER, getenv("KEL_POP3_HOST"));

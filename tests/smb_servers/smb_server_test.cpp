@@ -1,5 +1,5 @@
 // The SMB client against real servers, started for this program by
-// tests/servers/with-smb.sh, which tells where through the environment:
+// scripts/servers/with-smb.sh, which tells where through the environment:
 // KEL_SMB_ADDR and KEL_SMB_NAME (the server's address and NetBIOS name),
 // KEL_SMB_SILENT (an address nobody answers) and, for a file server,
 // KEL_SMB_SHARE (the share's folder on this machine) and KEL_SMB_PASS.
@@ -53,7 +53,7 @@ class NameService : public kt::PoolGuard {};
 TEST_F(NameService, FindsTheServerByAddressOrByName) {
   std::string addr = env("KEL_SMB_ADDR"), name = env("KEL_SMB_NAME"), lower = name;
   if (addr.empty()) {
-    GTEST_SKIP() << "run through tests/servers/with-smb.sh";
+    GTEST_SKIP() << "run through scripts/servers/with-smb.sh";
   }
   for (char &c : lower) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
   kelResult found = env("KEL_SMB_SHARE").empty() ? KEL_SMB_ERR_CONNECT : 0;

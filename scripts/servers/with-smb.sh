@@ -5,7 +5,7 @@
 # name) and KEL_SMB_SILENT (an address of its subnet that nobody answers)
 # exported; for a file server also KEL_SMB_SHARE (the share's folder on this
 # machine) and KEL_SMB_PASS (the share's password). Kinds:
-#   nmbd      Debian's nmbd alone (tests/servers/nmbd.sh), in a namespace of
+#   nmbd      Debian's nmbd alone (scripts/servers/nmbd.sh), in a namespace of
 #             its own, joined to the command's namespace by a veth pair
 #   oldsamba  the old core-dialect server of our test machines, found at
 #             ${KEL_OLDSAMBA:-../shared/oldsamba beside the repository}
@@ -21,7 +21,7 @@ export KEL_SMB_KIND=$kind
 
 case $kind in
 nmbd)
-    command -v nmbd >/dev/null || skip "no nmbd; run tests/servers/nmbd.sh install"
+    command -v nmbd >/dev/null || skip "no nmbd; run scripts/servers/nmbd.sh install"
     ns=kel-smb-$$ wd=$(mktemp -d "${TMPDIR:-/tmp}/kel-nmbd.XXXXXX") pid=
     cleanup() {
         [ -z "$pid" ] || "$here/nmbd.sh" stop "$pid"

@@ -5,7 +5,7 @@
 # KEL_FTP_PORT, KEL_FTP_USER, KEL_FTP_PASS, KEL_FTP_ROOT (the served directory)
 # and KEL_FTP_KIND exported. Exits with the command's status.
 # Port 21 is meant for a private network namespace:
-#   scripts/in-netns tests/servers/with-ftpd.sh vsftpd ./some_test
+#   scripts/in-netns scripts/servers/with-ftpd.sh vsftpd ./some_test
 set -euo pipefail
 ftpd=$(dirname "${BASH_SOURCE[0]}")/ftpd.sh
 export KEL_FTP_KIND=$1 KEL_FTP_HOST=127.0.0.1 KEL_FTP_PORT=${KEL_FTP_PORT:-21}
