@@ -9,7 +9,8 @@ soname=$("$readelf" -d "$lib" | sed -n 's/.*Library soname: \[\(.*\)\].*/\1/p')
 if [ "$soname" != "libtarvikel.so.1" ]; then
   echo "SONAME is '$soname', not libtarvikel.so.1"; status=1
 fi
-actual=$("$nm" -D --defined-only "$lib" | awk '{print $NF}' | sort -u)
+# AddressSanitizer adds an __odr_asan.<name> beside each exported variable.
+actual=$("$nm" -D --defined-only "$lib" | awk '{print $NF}' | grep -v '^__odr_asan\.' | sort -u)
 wanted=$(sed 's/#.*//; /^[[:space:]]*$/d; s/[[:space:]]//g' "$expected" | sort -u)
 extra=$(comm -23 <(echo "$actual") <(echo "$wanted"))
 missing=$(comm -13 <(echo "$actual") <(echo "$wanted"))

@@ -4,6 +4,7 @@
 #include "kelnet.h"
 #include "kelftpc.h"
 #include "keltime.h"
+#include "kelmail.h"
 
 int main(void) {
   uint32_t address = 0;
@@ -20,5 +21,14 @@ int main(void) {
   }
   if (kelFTPCCommandReplyQUIT(NULL) != KEL_FTPC_BAD_SESSION) return 7;
   if (kelTIMEGetDayTimeStr(0, 1, 1, 0, NULL) != KEL_TIME_ERR_BUFFER) return 6;
+  {
+    /* The mail family's exported buffers and its C-callable codecs. */
+    kelMAILMD5Context context;
+    unsigned char digest[16];
+    kelMAILInitializeMD5(&context);
+    kelMAILFinishMD5(digest, &context);
+    if (digest[0] != 0xd4 || digest[15] != 0x7e) return 8;
+    if (sizeof kelMAILRecvBuffer != 256 || sizeof kelMAILSendBuffer != 256) return 9;
+  }
   return (int)ok;
 }
