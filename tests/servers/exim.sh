@@ -6,17 +6,19 @@
 #   exim.sh install
 #       (root, Debian) apt-installs exim4-daemon-heavy with a policy-rc.d in
 #       place that forbids the package to start its service. Idempotent.
-#   exim.sh start <workdir> <port> <auth-socket> <mail-root> <owner>
-#       One daemon on 127.0.0.1, six ports from <port> on, each with its own
+#   exim.sh start <workdir> <port> <auth-socket> <mail-root> <owner> <boxes>
+#       One daemon on 127.0.0.1, eight ports from <port> on, each with its own
 #       AUTH list, all backed by the SASL server listening on <auth-socket>
 #       (a Dovecot auth client socket):
 #         port+0  CRAM-MD5 PLAIN LOGIN DIGEST-MD5
 #         port+1  CRAM-MD5        port+2  PLAIN
 #         port+3  LOGIN           port+4  DIGEST-MD5
 #         port+5  no AUTH at all
-#       Accepts recipients of the domain kel.test, except the local part
-#       "refused" (550), and delivers each into the maildir
-#       <mail-root>/<local part>/Maildir as the system user <owner>.
+#         port+6  greets with 554, port+7 with 421
+#       Accepts the recipients <boxes>@kel.test (a list of local parts
+#       separated by blanks), refuses any other with 550, and delivers each
+#       into the maildir
+#       <mail-root>/<local part>; it runs as the system user <owner>.
 #       Waits until every port listens and prints the daemon's PID (the only
 #       output on stdout). Logs: <workdir>/log/.
 #   exim.sh stop <pid>
@@ -27,7 +29,6 @@ say() { echo "exim.sh: $*" >&2; }
 die() { say "$*"; exit 1; }
 
 exim=/usr/sbin/exim4
-exim_account=Debian-exim
 
 cmd_install() {
     if [ "$(dpkg-query -W -f='${db:Status-Status}' exim4-daemon-heavy 2>/dev/null)" = installed ]; then
@@ -81,15 +82,15 @@ EOF
 }
 
 write_config() {
-    local p0=$port p1=$((port + 1)) p2=$((port + 2)) p3=$((port + 3)) p4=$((port + 4)) p5=$((port + 5))
+    local p0=$port p1=$((port + 1)) p2=$((port + 2)) p3=$((port + 3)) p4=$((port + 4))
     cat <<EOF
 # Written by exim.sh for one test run.
 primary_hostname = kel.test
 qualify_domain = kel.test
 local_interfaces = <; 127.0.0.1
-daemon_smtp_ports = $p0 : $p1 : $p2 : $p3 : $p4 : $p5
-exim_user = $exim_account
-exim_group = $exim_account
+daemon_smtp_ports = $p0 : $p1 : $p2 : $p3 : $p4 : $((port + 5)) : $((port + 6)) : $((port + 7))
+exim_user = $owner
+exim_group = $(id -gn "$owner")
 never_users = root
 spool_directory = $wd/spool
 log_file_path = $wd/log/%slog
@@ -101,25 +102,31 @@ tls_advertise_hosts =
 auth_advertise_hosts = *
 message_size_limit = 64M
 smtp_accept_max = 50
+acl_smtp_connect = connect
 acl_smtp_rcpt = rcpt
 
 begin acl
+connect:
+  deny    condition = \${if eq{\$interface_port}{$((port + 6))}}
+  defer   condition = \${if eq{\$interface_port}{$((port + 7))}}
+  accept
+
 rcpt:
-  deny    local_parts = refused
-          message = recipient refused
   accept  domains = kel.test
-  deny    message = relay not permitted
+          local_parts = $boxes
+  deny    message = recipient refused
 
 begin routers
 mailbox:
   driver = accept
   domains = kel.test
+  local_parts = $boxes
   transport = maildir
 
 begin transports
 maildir:
   driver = appendfile
-  directory = $mailroot/\${local_part}/Maildir
+  directory = $mailroot/\${local_part_data}
   maildir_format
   create_directory
   user = $owner
@@ -136,22 +143,23 @@ EOF
 }
 
 cmd_start() {
-    [ $# -eq 5 ] || die "usage: exim.sh start <workdir> <port> <auth-socket> <mail-root> <owner>"
-    wd=$1 port=$2 socket=$3 mailroot=$4 owner=$5
+    [ $# -eq 6 ] || die "usage: exim.sh start <workdir> <port> <auth-socket> <mail-root> <owner> <boxes>"
+    wd=$1 port=$2 socket=$3 mailroot=$4 owner=$5 boxes=${6// / : }
     [[ $port =~ ^[0-9]+$ ]] && [ "$port" -ge 1 ] && [ "$port" -le 65530 ] || die "bad port '$port'"
     [ "$(id -u)" = 0 ] || die "the daemon must be started as root"
     [ -x "$exim" ] || die "$exim missing; run: $0 install"
     "$exim" -bV 2>/dev/null | grep -q ' dovecot' || die "$exim has no dovecot authenticator (heavy daemon needed)"
     id "$owner" >/dev/null 2>&1 || die "no system user '$owner'"
     local i
-    for ((i = 0; i < 6; i++)); do
+    for ((i = 0; i < 8; i++)); do
         ! listening $((port + i)) || die "port $((port + i)) is already in use"
     done
     mkdir -p "$wd/spool" "$wd/log" "$mailroot"
     wd=$(cd "$wd" && pwd) mailroot=$(cd "$mailroot" && pwd)
     chmod 755 "$wd"
-    chown "$exim_account:" "$wd/spool" "$wd/log"
-    chown "$owner:" "$mailroot"
+    # Exim gives up root for a private config when it re-executes itself
+    # to deliver, so it runs as the owner of the mail from the start.
+    chown "$owner:" "$wd/spool" "$wd/log" "$mailroot"
     # Exim runs a config only if root owns it and no one else may write it.
     write_config >"$wd/exim.conf"
     chown root: "$wd/exim.conf"
@@ -164,7 +172,7 @@ cmd_start() {
     for ((i = 0; i < 200; i++)); do
         alive "$pid" || break
         up=1
-        for ((p = 0; p < 6; p++)); do listening $((port + p)) || up=; done
+        for ((p = 0; p < 8; p++)); do listening $((port + p)) || up=; done
         if [ -n "$up" ]; then
             echo "$pid"
             return 0
