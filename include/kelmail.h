@@ -142,9 +142,10 @@ KEL_API kelResult kelMAILWriteSmtp(kelMAILSession *session, const void *bytes,
 KEL_API kelResult kelMAILCloseSmtp(kelMAILSession *session);
 /* Copies templateText to output, replacing the tokens %printer, %serial
  * (cut to 16 characters), %etheraddr (xx:xx:xx:xx:xx:xx) and %equipid with
- * the device's values. The output holds 256 bytes: the expansion is cut at
- * 255 bytes and a NUL. After a failed status read the output is not
- * terminated. */
+ * the device's values, each read anew. A token needs no delimiter; any
+ * other "%" is copied. The output holds 256 bytes: the expansion is cut at
+ * 255 bytes and a NUL. After a failed status read (KEL_MAIL_ERR_STATUS) it
+ * holds what was expanded before. */
 KEL_API kelResult kelMAILEditStrings(char *output, const char *templateText);
 
 /* ---- POP3 client ---- */

@@ -51,6 +51,19 @@ kelResult kelMAILReadStatus(uint32_t key, void *out);
 // and a NUL: the same text on any host.
 void kelMAILDigestText(const unsigned char *digest, char *text);
 
+// A block of the family's allocator that goes back when the scope ends.
+class kelMAILBlock {
+ public:
+  explicit kelMAILBlock(void *p) : p_(static_cast<char *>(p)) {}
+  ~kelMAILBlock() { kelMAILFree(p_); }
+  kelMAILBlock(const kelMAILBlock &) = delete;
+  kelMAILBlock &operator=(const kelMAILBlock &) = delete;
+  char *get() const { return p_; }
+
+ private:
+  char *p_;
+};
+
 // ---- the session record (record.cpp) ----
 
 // Zeroes session, sets socket -1 and the part state closed, allocates
