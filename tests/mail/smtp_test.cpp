@@ -333,7 +333,14 @@ TEST_F(Smtp, EveryAllocationMayFail) {
       size_t before = kelHostPoolAllocations();
       kelHostPoolFailAt(n);
       kelResult result = kelMAILStartSmtp(&kRequest, &session);
-      if (result == KEL_OK) result = kelMAILEndSmtp(session);
+      if (result == KEL_OK) {
+        const kelMAILSmtpPart part = {"scan.pdf", 2};
+        result = kelMAILOpenSmtp(session, &part);
+        if (result == KEL_OK) result = kelMAILWriteSmtp(session, "QUJD\n", 5);
+        if (result == KEL_OK) result = kelMAILCloseSmtp(session);
+        kelResult end = result == KEL_OK ? kelMAILEndSmtp(session) : kelMAILAbortEndSmtp(session);
+        if (result == KEL_OK) result = end;
+      }
       // Until the run makes fewer than n allocations, the nth one fails it.
       done = kelHostPoolAllocations() - before < n;
       EXPECT_EQ(result, done ? KEL_OK : KEL_MAIL_ERR_MEMORY);
