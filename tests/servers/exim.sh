@@ -45,6 +45,7 @@ cmd_install() {
         made=1
     fi
     say "apt-get install exim4-daemon-heavy"
+    apt-get update -q >&2
     local rc=0
     DEBIAN_FRONTEND=noninteractive apt-get -q install -y --no-install-recommends \
         exim4-daemon-heavy >&2 || rc=$?
