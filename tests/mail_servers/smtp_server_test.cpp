@@ -1,5 +1,5 @@
 // The SMTP client against Exim with Dovecot as its SASL provider (see
-// tests/servers/with-exim.sh): whole messages for HELO, EHLO and each
+// tests/servers/exim.sh): whole messages for HELO, EHLO and each
 // mechanism, fetched back from each mailbox with the library's POP3 calls
 // and read by Python's email package; refusals of every kind.
 
@@ -43,7 +43,7 @@ class SmtpServer : public kt::PoolGuard {
  protected:
   void SetUp() override {
     const char *port = getenv("KEL_SMTP_PORT");
-    if (port == nullptr) GTEST_SKIP() << "no SMTP server (tests/servers/with-exim.sh)";
+    if (port == nullptr) GTEST_SKIP() << "no SMTP server (tests/servers/exim.sh)";
     if (wrongPasswords && !refusals()) GTEST_SKIP() << "a run for wrong passwords alone";
     smtpPort = atoi(port);
     // Room for the Base64 text of a 1 MiB attachment.

@@ -1,233 +1,116 @@
 #!/bin/bash
-# A real SMTP server for the SMTP client tests: Exim's heavy daemon from
-# Debian, run from a private config with its own spool and logs. Nothing
-# under /etc is read or written, and the Debian service is never started.
+# Exim's heavy daemon from Debian for the SMTP client tests, run by hand from
+# a private config with its own spool and logs: nothing under /etc is read or
+# written, and the packaged service is never started.
 #
 #   exim.sh install
-#       (root, Debian) apt-installs exim4-daemon-heavy with a policy-rc.d in
+#       (root, Debian) apt-installs exim4-daemon-heavy, with a policy-rc.d in
 #       place that forbids the package to start its service. Idempotent.
-#   exim.sh start <workdir> <port> <auth-socket> <mail-root> <owner> <boxes>
-#       One daemon on 127.0.0.1, eight ports from <port> on, each with its own
-#       AUTH list, all backed by the SASL server listening on <auth-socket>
-#       (a Dovecot auth client socket):
-#         port+0  CRAM-MD5 PLAIN LOGIN DIGEST-MD5
-#         port+1  CRAM-MD5        port+2  PLAIN
-#         port+3  LOGIN           port+4  DIGEST-MD5
-#         port+5  no AUTH at all
-#         port+6  greets with 554, port+7 with 421
-#       Accepts the recipients <boxes>@kel.test (a list of local parts
-#       separated by blanks), refuses any other with 550, and delivers each
-#       into the maildir
-#       <mail-root>/<local part>; it runs as the system user <owner>.
-#       Waits until every port listens and prints the daemon's PID (the only
-#       output on stdout). Logs: <workdir>/log/.
-#   exim.sh stop <pid>
-#       TERM (then KILL) that daemon and the processes it forked.
+#   exim.sh with <command> [args...]
+#       Run inside `dovecot.sh with`: adds the mailboxes to, cc and bcc to that
+#       Dovecot, and starts Exim on 127.0.0.1 with Dovecot's auth socket as its
+#       SASL provider, eight ports from ${KEL_SMTP_PORT:-2525} on:
+#         +0 AUTH CRAM-MD5 PLAIN LOGIN DIGEST-MD5   +1 CRAM-MD5   +2 PLAIN
+#         +3 LOGIN   +4 DIGEST-MD5   +5 no AUTH   +6 greets 550   +7 greets 451
+#       It takes the recipients kel, to, cc and bcc @kel.test (others: 550)
+#       and delivers into Dovecot's maildirs. Exports KEL_SMTP_HOST and
+#       KEL_SMTP_PORT, runs the command, stops Exim and exits with the
+#       command's status, 77 if there is no server.
 set -euo pipefail
-
 say() { echo "exim.sh: $*" >&2; }
-die() { say "$*"; exit 1; }
 
-exim=/usr/sbin/exim4
-
-cmd_install() {
-    if [ "$(dpkg-query -W -f='${db:Status-Status}' exim4-daemon-heavy 2>/dev/null)" = installed ]; then
-        return 0
-    fi
-    [ "$(id -u)" = 0 ] || die "install must run as root to apt-get install exim4-daemon-heavy"
-    command -v apt-get >/dev/null || die "install needs Debian's apt-get"
-    # The package would start its system service; a policy-rc.d that
-    # answers 101 forbids that. An existing one is left as it is.
+install() {
+    [ "$(dpkg-query -W -f='${db:Status-Status}' exim4-daemon-heavy 2>/dev/null)" = installed ] && return 0
+    [ "$(id -u)" = 0 ] || { say "not root: cannot install exim4-daemon-heavy"; return 1; }
     local policy=/usr/sbin/policy-rc.d made=
-    if [ ! -e "$policy" ]; then
-        printf '#!/bin/sh\nexit 101\n' >"$policy"
-        chmod 755 "$policy"
-        made=1
-    fi
-    say "apt-get install exim4-daemon-heavy"
+    if [ ! -e $policy ]; then printf '#!/bin/sh\nexit 101\n' >$policy; chmod +x $policy; made=1; fi
     apt-get update -q >&2
-    local rc=0
-    DEBIAN_FRONTEND=noninteractive apt-get -q install -y --no-install-recommends \
-        exim4-daemon-heavy >&2 || rc=$?
-    [ -z "$made" ] || rm -f "$policy"
-    [ "$rc" = 0 ] || die "apt-get failed"
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends exim4-daemon-heavy >&2
+    [ -z "$made" ] || rm -f $policy
 }
 
-alive() {
-    local line
-    { read -r line <"/proc/$1/stat"; } 2>/dev/null || return 1
-    line=${line##*) }
-    [ "${line%% *}" != Z ]
-}
-
-listening() {
-    local port
-    printf -v port '%04X' "$1"
-    awk -v p="$port" '$4 == "0A" && $2 ~ ("^0100007F:" p "$") { f = 1 } END { exit !f }' /proc/net/tcp
-}
-
-# The authenticator for mechanism $1, advertised on the ports $2...
+# The authenticator for mechanism $1, offered on the ports $2...
 authenticator() {
     local mech=$1 cond='' p
     shift
-    for p in "$@"; do cond+="{eq{\$interface_port}{$p}}"; done
-    cat <<EOF
-${mech//-/_}:
-  driver = dovecot
-  public_name = $mech
-  server_socket = $socket
-  server_advertise_condition = \${if or{$cond}}
-  server_set_id = \$auth1
-
-EOF
+    for p in "$@"; do cond+="{eq{\$interface_port}{$((port + p))}}"; done
+    printf '%s:\n  driver = dovecot\n  public_name = %s\n  server_socket = %s\n' \
+        "${mech//-/_}" "$mech" "$dir/auth-client"
+    printf '  server_advertise_condition = ${if or{%s}}\n  server_set_id = $auth1\n' "$cond"
 }
 
-write_config() {
-    local p0=$port p1=$((port + 1)) p2=$((port + 2)) p3=$((port + 3)) p4=$((port + 4))
+config() {
     cat <<EOF
-# Written by exim.sh for one test run.
 primary_hostname = kel.test
-qualify_domain = kel.test
 local_interfaces = <; 127.0.0.1
-daemon_smtp_ports = $p0 : $p1 : $p2 : $p3 : $p4 : $((port + 5)) : $((port + 6)) : $((port + 7))
-exim_user = $owner
-exim_group = $(id -gn "$owner")
-never_users = root
-spool_directory = $wd/spool
-log_file_path = $wd/log/%slog
-pid_file_path = $wd/exim.pid
+daemon_smtp_ports = $(seq -s ' : ' "$port" $((port + 7)))
+# Exim gives up root for a private config when it re-executes itself to
+# deliver, so it runs as the owner of the mail from the start.
+exim_user = $account
+exim_group = $account
+spool_directory = $dir/exim
+log_file_path = $dir/exim/%slog
 keep_environment =
 host_lookup =
-rfc1413_hosts =
 tls_advertise_hosts =
-auth_advertise_hosts = *
-message_size_limit = 64M
-smtp_accept_max = 50
 acl_smtp_connect = connect
 acl_smtp_rcpt = rcpt
-
 begin acl
 connect:
-  deny    condition = \${if eq{\$interface_port}{$((port + 6))}}
-  defer   condition = \${if eq{\$interface_port}{$((port + 7))}}
+  deny  condition = \${if eq{\$interface_port}{$((port + 6))}}
+  defer condition = \${if eq{\$interface_port}{$((port + 7))}}
   accept
-
 rcpt:
-  accept  domains = kel.test
-          local_parts = $boxes
-  deny    message = recipient refused
-
+  accept domains = kel.test
+         local_parts = kel : to : cc : bcc
+  deny   message = recipient refused
 begin routers
 mailbox:
   driver = accept
   domains = kel.test
-  local_parts = $boxes
+  local_parts = kel : to : cc : bcc
   transport = maildir
-
 begin transports
 maildir:
   driver = appendfile
-  directory = $mailroot/\${local_part_data}
+  directory = $dir/mail/\${local_part_data}
   maildir_format
   create_directory
-  user = $owner
-  group = $(id -gn "$owner")
-  mode = 0600
-  directory_mode = 0700
-
+  user = $account
 begin authenticators
-$(authenticator CRAM-MD5 "$p0" "$p1")
-$(authenticator PLAIN "$p0" "$p2")
-$(authenticator LOGIN "$p0" "$p3")
-$(authenticator DIGEST-MD5 "$p0" "$p4")
+$(authenticator CRAM-MD5 0 1)
+$(authenticator PLAIN 0 2)
+$(authenticator LOGIN 0 3)
+$(authenticator DIGEST-MD5 0 4)
 EOF
 }
 
-cmd_start() {
-    [ $# -eq 6 ] || die "usage: exim.sh start <workdir> <port> <auth-socket> <mail-root> <owner> <boxes>"
-    wd=$1 port=$2 socket=$3 mailroot=$4 owner=$5 boxes=${6// / : }
-    [[ $port =~ ^[0-9]+$ ]] && [ "$port" -ge 1 ] && [ "$port" -le 65530 ] || die "bad port '$port'"
-    [ "$(id -u)" = 0 ] || die "the daemon must be started as root"
-    [ -x "$exim" ] || die "$exim missing; run: $0 install"
-    "$exim" -bV 2>/dev/null | grep -q ' dovecot' || die "$exim has no dovecot authenticator (heavy daemon needed)"
-    id "$owner" >/dev/null 2>&1 || die "no system user '$owner'"
-    local i
-    for ((i = 0; i < 8; i++)); do
-        ! listening $((port + i)) || die "port $((port + i)) is already in use"
-    done
-    mkdir -p "$wd/spool" "$wd/log" "$mailroot"
-    wd=$(cd "$wd" && pwd) mailroot=$(cd "$mailroot" && pwd)
-    chmod 755 "$wd"
-    # Exim gives up root for a private config when it re-executes itself
-    # to deliver, so it runs as the owner of the mail from the start.
-    chown "$owner:" "$wd/spool" "$wd/log" "$mailroot"
+with() {
+    [ -n "${KEL_POP3_MAILDIR:-}" ] || { say "run it inside dovecot.sh with"; exit 2; }
+    [ -x /usr/sbin/exim4 ] || { say "skipped: exim4 is not installed"; exit 77; }
+    account=daemon dir=$(dirname "$(dirname "$KEL_POP3_MAILDIR")") port=${KEL_SMTP_PORT:-2525}
+    export KEL_SMTP_HOST=127.0.0.1 KEL_SMTP_PORT=$port
+    for box in to cc bcc; do echo "$box:{PLAIN}$KEL_POP3_PASS" >>"$dir/passwd"; done
+    mkdir -p "$dir/exim"
+    chown $account: "$dir/exim"
     # Exim runs a config only if root owns it and no one else may write it.
-    write_config >"$wd/exim.conf"
-    chown root: "$wd/exim.conf"
-    chmod 644 "$wd/exim.conf"
-    "$exim" -C "$wd/exim.conf" -bV >/dev/null 2>"$wd/log/check.out" ||
-        die "config rejected: $(cat "$wd/log/check.out")"
-
-    "$exim" -C "$wd/exim.conf" -bdf </dev/null >>"$wd/log/daemon.out" 2>&1 &
-    local pid=$! up
-    for ((i = 0; i < 200; i++)); do
-        alive "$pid" || break
-        up=1
-        for ((p = 0; p < 8; p++)); do listening $((port + p)) || up=; done
-        if [ -n "$up" ]; then
-            echo "$pid"
-            return 0
-        fi
+    config >"$dir/exim.conf"
+    chmod 644 "$dir/exim.conf"
+    /usr/sbin/exim4 -C "$dir/exim.conf" -bdf </dev/null >"$dir/exim/daemon.out" 2>&1 &
+    pid=$! rc=0
+    trap 'kill $pid; wait $pid' EXIT
+    for i in $(seq 100); do
+        exec 3<>"/dev/tcp/127.0.0.1/$((port + 7))" 2>/dev/null && break
+        kill -0 $pid 2>/dev/null || { say "exim exited: $(cat "$dir/exim/"*)"; exit 77; }
         sleep 0.05
     done
-    say "exim did not come up"
-    tail -n 20 "$wd"/log/* >&2 || true
-    kill_tree "$pid"
-    exit 1
-}
-
-descendants() {
-    local -A parent=()
-    local f line p pp
-    for f in /proc/[0-9]*/stat; do
-        { read -r line <"$f"; } 2>/dev/null || continue
-        p=${line%% *} line=${line##*) } line=${line#* }
-        parent[$p]=${line%% *}
-    done
-    for p in "${!parent[@]}"; do
-        pp=${parent[$p]}
-        while [ -n "$pp" ] && [ "$pp" != 0 ]; do
-            [ "$pp" != "$1" ] || { echo "$p"; break; }
-            pp=${parent[$pp]:-}
-        done
-    done
-}
-
-kill_tree() {
-    local pid=$1 i p left
-    local -a pids=("$pid")
-    mapfile -t -O 1 pids < <(descendants "$pid")
-    kill -TERM "${pids[@]}" 2>/dev/null || true
-    for ((i = 0; i < 40; i++)); do
-        left=
-        for p in "${pids[@]}"; do alive "$p" && left=1; done
-        [ -n "$left" ] || return 0
-        sleep 0.05
-    done
-    kill -KILL "${pids[@]}" 2>/dev/null || true
-}
-
-cmd_stop() {
-    [ $# -eq 1 ] && [[ $1 =~ ^[0-9]+$ ]] || die "usage: exim.sh stop <pid>"
-    alive "$1" || return 0
-    tr '\0' ' ' <"/proc/$1/cmdline" | grep -q 'exim4 -C .* -bdf' ||
-        die "pid $1 is not a daemon started by exim.sh"
-    kill_tree "$1"
+    exec 3<&-
+    "$@" || rc=$?
+    exit $rc
 }
 
 case ${1:-} in
-install) shift; cmd_install "$@" ;;
-start) shift; cmd_start "$@" ;;
-stop) shift; cmd_stop "$@" ;;
-*) die "usage: exim.sh install | start <workdir> <port> <auth-socket> <mail-root> <owner> | stop <pid>" ;;
+    install) install ;;
+    with) shift; with "$@" ;;
+    *) say "usage: exim.sh install | with <command> [args...]"; exit 2 ;;
 esac
