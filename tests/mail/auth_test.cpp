@@ -32,6 +32,8 @@ TEST(HmacMd5, PublishedVectors) {
       {std::string(80, '\xaa'),
        "Test Using Larger Than Block-Size Key and Larger Than One Block-Size Data",
        "6f630fad67cda0ee1fb1f562db3aa53e"},
+      // A key of exactly one block is used as it is (cases 6 and 7 hash theirs).
+      {std::string(64, 'k'), "x", "f38420ee2e6c7cd5d9977bffba49d984"},
       // RFC 2195's CRAM-MD5 example.
       {"tanstaaftanstaaf", "<1896.697170952@postoffice.reston.mci.net>",
        "b913a602c7eda7a495b4e6e7334d3890"},
@@ -42,19 +44,6 @@ TEST(HmacMd5, PublishedVectors) {
                    static_cast<uint32_t>(row.text.size()), digest);
     EXPECT_EQ(hex(digest), row.digest) << row.text;
   }
-  // A key of exactly one block is used as it is; one byte more is hashed
-  // first, and so is the same as a key of its digest.
-  const std::string key64(64, 'k'), key65(65, 'k');
-  unsigned char a[16], b[16], keyDigest[16];
-  kelMAILHmacMd5(key64.data(), 64, "x", 1, a);
-  kelMAILHmacMd5(key65.data(), 65, "x", 1, b);
-  EXPECT_NE(hex(a), hex(b));
-  kelMAILMD5Context context;
-  kelMAILInitializeMD5(&context);
-  kelMAILUpdateMD5(&context, key65.data(), 65);
-  kelMAILFinishMD5(keyDigest, &context);
-  kelMAILHmacMd5(keyDigest, 16, "x", 1, a);
-  EXPECT_EQ(hex(a), hex(b));
 }
 
 struct Values {
