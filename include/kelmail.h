@@ -59,8 +59,8 @@ KEL_API kelResult kelMAILRecvOneLine(int32_t socket, char *buffer,
 
 /* ---- Base64 (RFC 4648 alphabet) ---- */
 
-/* Base64 text of length bytes (length below 2^30), one line, NUL-terminated;
- * null when out of memory. The caller frees the result with
+/* Base64 text of length bytes, one line, NUL-terminated; null when out of
+ * memory, and for a length of 2^30 or more. The caller frees the result with
  * orvOSWOrgFreeMemPart(0, result). */
 KEL_API char *kelMAILEncodeBase64(const void *data, uint32_t length);
 /* Decodes floor(length / 4) groups of text into a zero-filled block of

@@ -23,6 +23,9 @@ unsigned decodeChar(char c) {
 
 char *kelMAILEncodeBase64(const void *data, uint32_t length) {
   const unsigned char *in = static_cast<const unsigned char *>(data);
+  // From 2^30 bytes on the size of the block no longer fits 32 bits: such a
+  // block can't be had, as if the allocator had failed.
+  if (length >= 0x40000000u) return nullptr;
   char *out = static_cast<char *>(kelMAILAlloc(length * 4 / 3 + 4));
   if (out == nullptr) return nullptr;
   char *p = out;

@@ -68,18 +68,25 @@ TEST_F(Compose, HeaderBlock) {
     EXPECT_EQ(kelMAILSendHeaderBlock(w.s), KEL_OK);
     EXPECT_TRUE(w.finish()) << w.peer.failure();
   }
-  // Failures send nothing and give everything back.
-  for (int round = 0; round < 4; round++) {
+  // Failures stop at once and give everything back.
+  const struct {
+    const char *sender;
+    int failure;
+    size_t failAt;  // the sender, then the subject's Base64
+    const char *sent;
+    kelResult result;
+  } failures[] = {{"", 0, 0, "", KEL_MAIL_ERR_NO_SENDER},
+                  {"me@x", -5, 0, "", KEL_MAIL_ERR_STATUS},
+                  {"me@x", 0, 1, "", KEL_MAIL_ERR_MEMORY},
+                  {"me@x", 0, 2, "From: me@x\r\nTo: a@x\r\n", KEL_MAIL_ERR_MEMORY}};
+  for (auto &f : failures) {
     Wire w;
     Wire::list(&w.s->toList, &w.s->toCount, {"a@x"});
-    w.s->subject[0] = '\0';
-    kelHostStatusSetText(KEL_STATUS_MAIL_SENDER, round == 0 ? "" : "me@x");
-    kelHostStatusFail(KEL_STATUS_MAIL_SENDER, round == 1 ? -5 : 0);
-    if (round >= 2) kelHostPoolFailAt(round - 1);  // sender, then subject
-    w.start(round == 3 ? "From: me@x\r\nTo: a@x\r\n" : "");
-    const kelResult want[] = {KEL_MAIL_ERR_NO_SENDER, KEL_MAIL_ERR_STATUS, KEL_MAIL_ERR_MEMORY,
-                              KEL_MAIL_ERR_MEMORY};
-    EXPECT_EQ(kelMAILSendHeaderBlock(w.s), want[round]) << round;
+    kelHostStatusSetText(KEL_STATUS_MAIL_SENDER, f.sender);
+    kelHostStatusFail(KEL_STATUS_MAIL_SENDER, f.failure);
+    w.start(f.sent);
+    kelHostPoolFailAt(f.failAt);
+    EXPECT_EQ(kelMAILSendHeaderBlock(w.s), f.result) << f.sent;
     kelHostPoolFailAt(0);
     EXPECT_TRUE(w.finish()) << w.peer.failure();
   }
@@ -97,7 +104,7 @@ TEST_F(Compose, PartsLinesAndState) {
           "Content-Transfer-Encoding: 8bit\r\n\r\n" +
           "..\r\na.b\r\n..x\r\n\r\n\r\nend\r\r\n" + same + same + same + "ab\r\n..c\r\n" + "ab\r\n" +
           full + "\r\n" + full + "\r\ng\r\n" + full + "\r\n..\r\n" +
-          "\r\n--" + w.b + "\r\nContent-Type: application/octet-stream; name=\"=?utf-8?B?" +
+          "\r\n--" + w.b + "\r\n\r\n--" + w.b + "\r\nContent-Type: application/octet-stream; name=\"=?utf-8?B?" +
           std::string(960, '/') + "?=\"\r\nContent-Transfer-Encoding: base64\r\n" +
           "Content-Disposition: attachment; filename=\"=?utf-8?B?" + std::string(960, '/') +
           "?=\"\r\n\r\nQUJD\r\n");
@@ -119,16 +126,18 @@ TEST_F(Compose, PartsLinesAndState) {
   EXPECT_EQ(write(full + "."), KEL_OK);  // the cut line gets its dot test
   EXPECT_EQ(kelMAILCloseSmtp(w.s), KEL_OK);
   EXPECT_EQ(kelMAILCloseSmtp(w.s), KEL_MAIL_ERR_NO_PART);
+  kelHostPoolFailAt(1);  // no memory for the name: the delimiter is out
+  EXPECT_EQ(kelMAILOpenSmtp(w.s, &file), KEL_MAIL_ERR_MEMORY);
+  kelHostPoolFailAt(0);
+  EXPECT_EQ(kelMAILCloseSmtp(w.s), KEL_OK);
   ASSERT_EQ(kelMAILOpenSmtp(w.s, &file), KEL_OK);  // the name cut to 720 bytes
   EXPECT_EQ(write("QUJD\n"), KEL_OK);
   EXPECT_EQ(kelMAILCloseSmtp(w.s), KEL_OK);
   EXPECT_TRUE(w.finish()) << w.peer.failure();
-  // Without memory for the name the part stays open; a dead socket fails.
-  kelHostPoolFailAt(1);
+  // On a dead socket a failed open leaves the part open.
   EXPECT_EQ(kelMAILOpenSmtp(w.s, &file), KEL_MAIL_ERR_IO);
   EXPECT_EQ(kelMAILWriteSmtp(w.s, "a\n", 2), KEL_MAIL_ERR_IO);
   EXPECT_EQ(kelMAILCloseSmtp(w.s), KEL_OK);
-  kelHostPoolFailAt(0);
   EXPECT_EQ(kelMAILWriteSmtp(nullptr, "a", 1), KEL_MAIL_ERR_NO_PART);
 }
 

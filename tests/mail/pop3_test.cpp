@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <functional>
 #include <string>
 
 #include "mail_test.h"
@@ -39,94 +38,83 @@ class Pop3 : public mt::Mail {
 
 const char kStamp[] = "<1896.697170952@dbc.mtview.ca.us>";
 
+// One conversation, a row per command: what goes out, what comes back, what
+// the call makes of it. Each failure leaves the socket open and usable.
 TEST_F(Pop3, EveryCallAndItsReplyRules) {
-  struct Size {
-    const char *listing;  // behind "+OK", to its end
-    int32_t asked;
+  struct Row {
+    char call;  // S: STAT, L: LAST, Z: LIST, R: RETR, D: DELE, Q: QUIT
+    int32_t number;
+    const char *reply;  // escaped, without the last CR LF
     kelResult result;
-    uint16_t size;
+    long value;  // count, or size (99: untouched)
   };
-  // Units of 1024 rounded up; a later line wins; the low 16 bits; a line
-  // that begins with "." ends the listing, whatever follows.
-  const Size sizes[] = {{R"(1 100\r\n2 1025\r\n.)", 2, KEL_OK, 2},
-                        {R"(2 1025\r\n2 1\r\n.)", 2, KEL_OK, 1},
-                        {R"(1 67108864\r\n.)", 1, KEL_OK, 0},
-                        {R"(2 0\r\n.)", 2, KEL_MAIL_ERR_UNSUPPORTED, 99},
-                        {R"(3 5\r\n.junk)", 4, KEL_MAIL_ERR_UNSUPPORTED, 99},
-                        {".", 1, KEL_MAIL_ERR_UNSUPPORTED, 99}};
-  std::string script = std::string("S: +OK POP3 server ready ") + kStamp + R"(
-      C: APOP mrose a6f0dd348916c9ee9539661f94c75203
-      S: +OK maildrop has 2 messages
-      C: STAT
-      S: +OK 3 4096
-      C: STAT
-      S: +OK
-      C: STAT
-      S: +OK  -12 more
-      C: STAT
-      S: -ERR 9
-      C: LAST
-      S: +OK 7
-      C: LAST
-      S: -ERR Unknown command: LAST
-)";
-  for (const Size &row : sizes) script += std::string("C: LIST\nS: +OK\\r\\n") + row.listing + "\n";
-  script += std::string(R"(
-      C: LIST
-      S: -ERR busy
-      C: RETR 2
-      S- +OK\r\nSubject: x\r\n\r\n..dot\r\n.\r\n
-      C: DELE -1
-      S: -ERR no such message
-      C: DELE 2
-      S: +OK
-      C: STAT
-      S- +OK 1 )") + std::string(300, 'x') + R"(\r\n
-      C: STAT
-      C: QUIT
-      S: -ERR later
-      C: QUIT
-      S: +OK bye
-      eof)";
+  const std::string long300 = "+OK 1 " + std::string(300, 'x');
+  const Row rows[] = {
+      {'S', 0, "+OK 3 4096", KEL_OK, 3},  // the first number only
+      {'S', 0, "+OK", KEL_OK, 0},
+      {'S', 0, "+OK  -12 more", KEL_OK, -12},
+      {'S', 0, "-ERR 9", KEL_MAIL_ERR_REPLY, -12},
+      {'L', 0, "+OK 7", KEL_OK, 7},
+      {'L', 0, "-ERR Unknown command: LAST", KEL_MAIL_ERR_REPLY, 7},
+      // Units of 1024 rounded up; a later line wins; the low 16 bits; a line
+      // that begins with "." ends the listing, whatever follows.
+      {'Z', 2, R"(+OK\r\n1 100\r\n2 1025\r\n.)", KEL_OK, 2},
+      {'Z', 2, R"(+OK\r\n2 1025\r\n2 1\r\n.)", KEL_OK, 1},
+      {'Z', 1, R"(+OK\r\n1 67108864\r\n.)", KEL_OK, 0},
+      {'Z', 2, R"(+OK\r\n2 0\r\n.)", KEL_MAIL_ERR_UNSUPPORTED, 99},
+      {'Z', 4, R"(+OK\r\n3 5\r\n.junk)", KEL_MAIL_ERR_UNSUPPORTED, 99},
+      {'Z', 1, R"(+OK\r\n.)", KEL_MAIL_ERR_UNSUPPORTED, 99},
+      {'Z', 1, "-ERR busy", KEL_MAIL_ERR_REPLY, 99},
+      {'R', 2, R"(+OK\r\nSubject: x\r\n\r\n..dot\r\n.)", KEL_OK, 0},
+      {'D', -1, "-ERR no such message", KEL_MAIL_ERR_REPLY, 0},
+      {'D', 2, "+OK", KEL_OK, 0},
+      // A reply over 255 bytes comes in pieces: the rest is the next reply.
+      {'S', 0, long300.c_str(), KEL_OK, 1},
+      {'S', 0, nullptr, KEL_MAIL_ERR_REPLY, 1},
+      {'Q', 0, "-ERR later", KEL_MAIL_ERR_REPLY, 0},
+      {'Q', 0, "+OK bye", KEL_OK, 0},  // closed
+  };
+  std::string script = std::string("S: +OK POP3 server ready ") + kStamp +
+                       "\nC: APOP mrose a6f0dd348916c9ee9539661f94c75203\nS: +OK\n";
+  const char *verbs = "S STAT L LAST Z LIST R RETR D DELE Q QUIT";
+  for (const Row &row : rows) {
+    std::string verb(strchr(verbs, row.call) + 2, 4);
+    if (row.call == 'R' || row.call == 'D') verb += " " + std::to_string(row.number);
+    script += "C: " + verb + "\n" + (row.reply ? "S: " + std::string(row.reply) + "\n" : "");
+  }
   kt::TcpPeer peer;
-  int32_t s = connect(peer, script);
+  int32_t s = connect(peer, script + "eof");
   ASSERT_GE(s, 0);
   EXPECT_EQ(kelMAILLoginPop3ServerByAPOP(s), KEL_OK);
   int32_t n = -5;
-  const std::pair<kelResult, int32_t> stats[] = {
-      {KEL_OK, 3}, {KEL_OK, 0}, {KEL_OK, -12}, {KEL_MAIL_ERR_REPLY, -12}};
-  for (auto &want : stats) {
-    EXPECT_EQ(kelMAILGetMailCount(s, &n), want.first);
-    EXPECT_EQ(n, want.second);
-  }
-  EXPECT_STREQ(kelMAILRecvBuffer, "-ERR 9\r\n");  // the reply stays
-  EXPECT_EQ(kelMAILGetLastMail(s, &n), KEL_OK);
-  EXPECT_EQ(n, 7);
-  EXPECT_EQ(kelMAILGetLastMail(s, &n), KEL_MAIL_ERR_REPLY);
-  for (const Size &row : sizes) {
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.reply ? row.reply : "(rest)");
     uint16_t size = 99;
-    EXPECT_EQ(kelMAILGetMailSize(s, row.asked, &size), row.result) << row.listing;
-    EXPECT_EQ(size, row.size) << row.listing;
+    switch (row.call) {
+      case 'S': EXPECT_EQ(kelMAILGetMailCount(s, &n), row.result); EXPECT_EQ(n, row.value); break;
+      case 'L': EXPECT_EQ(kelMAILGetLastMail(s, &n), row.result); EXPECT_EQ(n, row.value); break;
+      case 'Z':
+        EXPECT_EQ(kelMAILGetMailSize(s, row.number, &size), row.result);
+        EXPECT_EQ(size, row.value);
+        break;
+      case 'D': EXPECT_EQ(kelMAILDeleteMail(s, row.number), row.result); break;
+      case 'Q': EXPECT_EQ(kelMAILDisconnectPop3Server(s), row.result); break;
+      case 'R': {
+        ASSERT_EQ(kelMAILStartMailData(s, row.number), KEL_OK);
+        std::string message;
+        char line[64];
+        do {
+          ASSERT_EQ(kelMAILRecvOneLinePop3(s, line, sizeof line), KEL_OK);
+          message += line;
+        } while (strcmp(line, ".\r\n") != 0);
+        EXPECT_EQ(message, "Subject: x\r\n\r\n..dot\r\n.\r\n");  // untouched
+      }
+    }
+    if (row.result == KEL_MAIL_ERR_REPLY && row.reply) {  // the reply and command stay
+      EXPECT_EQ(std::string(kelMAILRecvBuffer), kt::unescape(row.reply) + "\r\n");
+      EXPECT_EQ(strncmp(kelMAILSendBuffer, strchr(verbs, row.call) + 2, 4), 0);
+    }
   }
-  uint16_t size = 99;
-  EXPECT_EQ(kelMAILGetMailSize(s, 1, &size), KEL_MAIL_ERR_REPLY);
-  EXPECT_EQ(kelMAILStartMailData(s, 2), KEL_OK);
-  std::string message;
-  char line[64];
-  do {
-    ASSERT_EQ(kelMAILRecvOneLinePop3(s, line, sizeof line), KEL_OK);
-    message += line;
-  } while (strcmp(line, ".\r\n") != 0);
-  EXPECT_EQ(message, "Subject: x\r\n\r\n..dot\r\n.\r\n");  // untouched
-  EXPECT_EQ(kelMAILDeleteMail(s, -1), KEL_MAIL_ERR_REPLY);
-  EXPECT_EQ(kelMAILDeleteMail(s, 2), KEL_OK);
-  // A reply over 255 bytes comes in pieces: the rest is the next reply.
-  EXPECT_EQ(kelMAILGetMailCount(s, &n), KEL_OK);
-  EXPECT_EQ(n, 1);
-  EXPECT_EQ(kelMAILGetMailCount(s, &n), KEL_MAIL_ERR_REPLY);
-  EXPECT_EQ(kelMAILDisconnectPop3Server(s), KEL_MAIL_ERR_REPLY);  // still open
-  EXPECT_STREQ(kelMAILSendBuffer, "QUIT\r\n");
-  EXPECT_EQ(kelMAILDisconnectPop3Server(s), KEL_OK);  // closed
   EXPECT_TRUE(peer.finish()) << peer.failure();
 }
 
@@ -164,41 +152,29 @@ TEST_F(Pop3, LoginsAndTheirRefusals) {
   EXPECT_STREQ(kelMAILSendBuffer, "APOP mrose 23ebe30fcb4411d691d8c909f5b2b70a\r\n");
 }
 
-// Failures before the first byte: memory and settings give everything back
-// and send nothing; the connect's own failures leave the cell as documented.
+// Failures before the first byte send nothing and give everything back; a
+// refused greeting leaves the socket open with the reply in the buffer.
 TEST_F(Pop3, FailuresBeforeTheWire) {
   int client = -1, server = -1;
   ASSERT_TRUE(kt::tcpPair(&client, &server));
-  using Call = std::function<kelResult()>;
   int32_t cell = -1;
-  const Call connect = [&] { return kelMAILConnectPop3Server(&cell); };
-  const Call login = [&] { return kelMAILLoginPop3Server(client); };
-  const Call apop = [&] { return kelMAILLoginPop3ServerByAPOP(client); };
   snprintf(kelMAILRecvBuffer, 256, "+OK <1@h>\r\n");
   struct Case {
-    Call call;
+    char call;  // c: connect, l: USER/PASS, a: APOP
     size_t failAt;
     uint32_t failKey;
-    kelResult result;
   };
-  const Case cases[] = {
-      {connect, 1, 0, KEL_MAIL_ERR_MEMORY},
-      {connect, 0, KEL_STATUS_POP3_SERVER, KEL_MAIL_ERR_STATUS},
-      {connect, 0, KEL_STATUS_POP3_PORT, KEL_MAIL_ERR_STATUS},
-      {login, 1, 0, KEL_MAIL_ERR_MEMORY},
-      {login, 2, 0, KEL_MAIL_ERR_MEMORY},
-      {login, 0, KEL_STATUS_POP3_USER, KEL_MAIL_ERR_STATUS},
-      {login, 0, KEL_STATUS_POP3_PASSWORD, KEL_MAIL_ERR_STATUS},
-      {apop, 1, 0, KEL_MAIL_ERR_MEMORY},
-      {apop, 2, 0, KEL_MAIL_ERR_MEMORY},
-      {apop, 3, 0, KEL_MAIL_ERR_MEMORY},
-      {apop, 0, KEL_STATUS_POP3_USER, KEL_MAIL_ERR_STATUS},
-      {apop, 0, KEL_STATUS_POP3_PASSWORD, KEL_MAIL_ERR_STATUS},
-  };
+  const Case cases[] = {{'c', 1, 0}, {'c', 0, KEL_STATUS_POP3_SERVER}, {'c', 0, KEL_STATUS_POP3_PORT},
+                        {'l', 1, 0}, {'l', 2, 0}, {'l', 0, KEL_STATUS_POP3_USER},
+                        {'l', 0, KEL_STATUS_POP3_PASSWORD}, {'a', 1, 0}, {'a', 2, 0}, {'a', 3, 0},
+                        {'a', 0, KEL_STATUS_POP3_USER}, {'a', 0, KEL_STATUS_POP3_PASSWORD}};
   for (const Case &c : cases) {
     if (c.failKey != 0) kelHostStatusFail(c.failKey, -9);
     kelHostPoolFailAt(c.failAt);
-    EXPECT_EQ(c.call(), c.result) << c.failAt << " " << std::hex << c.failKey;
+    kelResult r = c.call == 'c'   ? kelMAILConnectPop3Server(&cell)
+                  : c.call == 'l' ? kelMAILLoginPop3Server(client)
+                                  : kelMAILLoginPop3ServerByAPOP(client);
+    EXPECT_EQ(r, c.failAt ? KEL_MAIL_ERR_MEMORY : KEL_MAIL_ERR_STATUS) << c.call << c.failAt;
     kelHostPoolFailAt(0);
     if (c.failKey != 0) kelHostStatusFail(c.failKey, 0);
     EXPECT_EQ(cell, -1);
@@ -207,20 +183,11 @@ TEST_F(Pop3, FailuresBeforeTheWire) {
   EXPECT_EQ(recv(server, &byte, 1, MSG_DONTWAIT), -1);  // nothing was sent
   close(client);
   close(server);
-  kelHostStatusSetText(KEL_STATUS_POP3_SERVER, "kel-unresolvable");
-  EXPECT_EQ(kelMAILConnectPop3Server(&cell), KEL_MAIL_ERR_HOST);
-  EXPECT_EQ(cell, -1);
-  kelHostStatusSetText(KEL_STATUS_POP3_SERVER, "127.0.0.1");
-  kelHostStatusSetNumber(KEL_STATUS_POP3_PORT, kt::closedPort());
-  EXPECT_EQ(kelMAILConnectPop3Server(&cell), KEL_MAIL_ERR_CONNECT);
-  ASSERT_GE(cell, 0);
-  kelMAILCloseSocket(cell);
   kt::TcpPeer peer;
   kt::play(peer, "S: -ERR go away\neof").start();
   kelHostStatusSetNumber(KEL_STATUS_POP3_PORT, peer.port());
-  cell = -1;
   EXPECT_EQ(kelMAILConnectPop3Server(&cell), KEL_MAIL_ERR_REPLY);
-  ASSERT_GE(cell, 0);  // open, the greeting in the buffer
+  ASSERT_GE(cell, 0);
   EXPECT_STREQ(kelMAILRecvBuffer, "-ERR go away\r\n");
   kelMAILCloseSocket(cell);
   EXPECT_TRUE(peer.finish()) << peer.failure();
