@@ -15,7 +15,7 @@
 #       It takes the recipients kel, to, cc and bcc @kel.test (others: 550)
 #       and delivers into Dovecot's maildirs. Exports KEL_SMTP_HOST and
 #       KEL_SMTP_PORT, runs the command, stops Exim and exits with the
-#       command's status, 77 if there is no server.
+#       command's status (77 when Exim is not installed).
 set -euo pipefail
 say() { echo "exim.sh: $*" >&2; }
 
@@ -101,7 +101,7 @@ with() {
     trap 'kill $pid; wait $pid' EXIT
     for i in $(seq 100); do
         exec 3<>"/dev/tcp/127.0.0.1/$((port + 7))" 2>/dev/null && break
-        kill -0 $pid 2>/dev/null || { say "exim exited: $(cat "$dir/exim/"*)"; exit 77; }
+        kill -0 $pid 2>/dev/null || { say "exim exited: $(cat "$dir/exim/"*log "$dir/exim/daemon.out")"; exit 1; }
         sleep 0.05
     done
     exec 3<&-
