@@ -111,7 +111,9 @@ kelResult kelMAILHelloWithAuth(kelMAILSession *session, const char *helloName) {
       snprintf(mechanisms, kMechanismSize, "%s", length > 9 ? line + 9 : "");
       authSeen = true;
     }
-    more = length < 4 || line[3] != ' ';
+    // A line ends in CR LF (or fills the buffer), so one that begins with
+    // "2" has at least three bytes: offset 3 is in it or its NUL.
+    more = line[3] != ' ';
   }
   if (result != KEL_OK || !authSeen) return result;
   if (user[0] == '\0') return KEL_MAIL_ERR_REPLY;
