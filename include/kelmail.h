@@ -94,7 +94,9 @@ KEL_API void kelMAILFinishMD5(unsigned char *digest, kelMAILMD5Context *context)
 typedef struct kelMAILSession kelMAILSession;
 
 /* Read during kelMAILStartSmtp only. Lists hold addresses separated by ";"
- * (empty items are skipped; each address at most 127 bytes). */
+ * (empty items are skipped, nothing is trimmed; each address at most 127
+ * bytes). A null record or To list reads as an empty one, a null subject as
+ * an empty template. */
 typedef struct kelMAILSmtpRequest {
   const char *to;      /* required */
   const char *cc;      /* may be null */
@@ -104,16 +106,25 @@ typedef struct kelMAILSmtpRequest {
 
 /* Connects, greets (with authentication where the device asks for it),
  * gives the envelope and the header block. On success *session is an open
- * session. On failure nothing is left: *session is null after
- * KEL_MAIL_ERR_STATUS or KEL_MAIL_ERR_DISABLED from the first read and after
- * a failed allocation of the session, else it keeps its old value, which
- * must not be used. */
+ * session. On failure nothing is left: the socket is closed without QUIT and
+ * all memory is back. *session is null after KEL_MAIL_ERR_STATUS or
+ * KEL_MAIL_ERR_DISABLED from the first read and after a failed allocation of
+ * the session; after any later failure it holds the address of the freed
+ * session, which must not be used.
+ * KEL_MAIL_ERR_NO_RECIPIENT: the To list names no address, or a list names
+ * an address of more than 127 bytes (refused rather than cut; an empty Cc or
+ * Bcc list is no failure). A server's AUTH line counts up to its 255th byte
+ * of mechanism names. DIGEST-MD5 values that don't fit 255 bytes, a quoted
+ * value that never closes, or a reply that would exceed 255 bytes give
+ * KEL_MAIL_ERR_UNSUPPORTED. Texts from the device settings are cut to their
+ * buffers (host name 15 bytes, sender 127, server, user and password 63). */
 KEL_API kelResult kelMAILStartSmtp(const kelMAILSmtpRequest *request,
                                    kelMAILSession **session);
 /* Ends the message, reads the acceptance, says QUIT. The session is gone
- * whatever the result. */
+ * whatever the result. A null session gives KEL_MAIL_ERR_NO_PART. */
 KEL_API kelResult kelMAILEndSmtp(kelMAILSession *session);
-/* Drops the session without a word to the server. Always 0. */
+/* Drops the session without a word to the server. Always 0; null is
+ * ignored. */
 KEL_API kelResult kelMAILAbortEndSmtp(kelMAILSession *session);
 
 /* ---- Message composition ---- */

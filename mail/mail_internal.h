@@ -97,6 +97,41 @@ kelResult kelMAILAuthLogin(kelMAILSession *session, const char *user,
 kelResult kelMAILAuthDigestMd5(kelMAILSession *session, const char *user,
                                const char *password);
 
+// Reads a text key into out of size bytes and terminates it at size - 1
+// whatever the service left there. 0, or KEL_MAIL_ERR_STATUS.
+kelResult kelMAILReadText(uint32_t key, char *out, uint32_t size);
+// Sends lineOut, reads one reply line into lineIn and wants first as its
+// first character (else KEL_MAIL_ERR_REPLY).
+kelResult kelMAILSendCommand(kelMAILSession *session, char first);
+// Cuts a "3xx text" reply at its first CR (or else LF) and decodes the text
+// behind the code and blank; a line with no text there gives "". Null when
+// out of memory.
+char *kelMAILDecodeReplyText(char *line);
+// HMAC-MD5 (RFC 2104) of text under key into the 16 bytes at digest.
+void kelMAILHmacMd5(const void *key, uint32_t keyLength, const void *text,
+                    uint32_t textLength, unsigned char *digest);
+
+// DIGEST-MD5 (digest.cpp): values of the challenge and the work text.
+#define KEL_MAIL_DIGEST_VALUE_SIZE 256
+typedef struct kelMAILDigestValues {
+  const char *realm;
+  const char *nonce;
+  const char *qop;
+  const char *cnonce;
+  const char *digestUri;
+} kelMAILDigestValues;
+// Copies the realm, nonce and first qop values of a decoded challenge into
+// three buffers of KEL_MAIL_DIGEST_VALUE_SIZE. KEL_MAIL_ERR_UNSUPPORTED for a
+// key that is absent, a value that doesn't end before the text does, or one
+// that doesn't fit.
+kelResult kelMAILDigestParseChallenge(const char *challenge, char *realm,
+                                      char *nonce, char *qop);
+// Writes the client's reply text into work (KEL_MAIL_DIGEST_VALUE_SIZE).
+// KEL_MAIL_ERR_UNSUPPORTED for an unknown qop, or when the reply or a text
+// to be hashed would not fit.
+kelResult kelMAILDigestReply(char *work, const char *user, const char *password,
+                             const kelMAILDigestValues *values);
+
 // ---- message composition (compose.cpp) ----
 
 // From, To, Cc, Subject and the MIME lines, after DATA was accepted.
