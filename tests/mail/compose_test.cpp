@@ -3,7 +3,7 @@
 
 #include <string.h>
 
-#include <vector>
+#include <sstream>
 
 #include "mail_test.h"
 
@@ -27,41 +27,40 @@ struct Wire {
   }
 };
 
-void list(kelMAILAddress **cell, int32_t *count, const std::vector<std::string> &items) {
-  *cell = static_cast<kelMAILAddress *>(kelMAILAlloc(static_cast<uint32_t>(items.size() * 128 + 1)));
-  for (size_t i = 0; i < items.size(); i++) snprintf((*cell)[i], 128, "%s", items[i].c_str());
-  *count = static_cast<int32_t>(items.size());
+// Fills a recipient list from blank-separated addresses.
+void list(kelMAILAddress **cell, int32_t *count, const std::string &items) {
+  *cell = static_cast<kelMAILAddress *>(kelMAILAlloc(4 * sizeof(kelMAILAddress)));
+  std::istringstream in(items);
+  for (*count = 0; in >> (*cell)[*count];) ++*count;
 }
 
 TEST_F(Compose, HeaderBlock) {
   const struct {
-    std::vector<std::string> to, cc;
-    std::string subject;
+    std::string to, cc, subject;
     const char *sender;  // null: the setting can't be read
     size_t failAt;       // the sender, then the subject's Base64
     std::string sent;    // the lines between From and the MIME lines; all that is sent on a failure
     kelResult result;
   } cases[] = {
-      {{"a@x"}, {}, "Hi", "me@x", 0, "To: a@x\r\nSubject: =?utf-8?B?SGk=?=\r\n", KEL_OK},
-      {{"a@x", "b@x", "c@x"}, {"d@x", "e@x"}, "", "me@x", 0,
+      {"a@x", "", "Hi", "me@x", 0, "To: a@x\r\nSubject: =?utf-8?B?SGk=?=\r\n", KEL_OK},
+      {"a@x b@x c@x", "d@x e@x", "", "me@x", 0,
        "To: a@x,\r\n    b@x,\r\n    c@x\r\nCc: d@x,\r\n    e@x\r\n", KEL_OK},
-      {{"a@x", "b@x"}, {"d@x"}, std::string(255, '\xff'), "me@x", 0,
+      {"a@x b@x", "d@x", std::string(255, '\xff'), "me@x", 0,
        "To: a@x,\r\n    b@x\r\nCc: d@x\r\nSubject: =?utf-8?B?" + std::string(340, '/') + "?=\r\n", KEL_OK},
-      {{"a@x"}, {}, "", "me@x", 1, "", KEL_MAIL_ERR_MEMORY},
-      {{"a@x"}, {}, "", "me@x", 2, "From: me@x\r\nTo: a@x\r\n", KEL_MAIL_ERR_MEMORY},
-      {{"a@x"}, {}, "", "", 0, "", KEL_MAIL_ERR_NO_SENDER},
-      {{"a@x"}, {}, "", nullptr, 0, "", KEL_MAIL_ERR_STATUS}};
+      {"a@x", "", "", "me@x", 1, "", KEL_MAIL_ERR_MEMORY}, {"a@x", "", "", "", 0, "", KEL_MAIL_ERR_NO_SENDER},
+      {"a@x", "", "", "me@x", 2, "From: me@x\r\nTo: a@x\r\n", KEL_MAIL_ERR_MEMORY},  // stops at once
+      {"a@x", "", "", nullptr, 0, "", KEL_MAIL_ERR_STATUS}};
   for (auto &c : cases) {
     Wire w;
     list(&w.s->toList, &w.s->toCount, c.to);
     list(&w.s->ccList, &w.s->ccCount, c.cc);
-    list(&w.s->bccList, &w.s->bccCount, {"hidden@x"});  // envelope only
+    list(&w.s->bccList, &w.s->bccCount, "hidden@x");  // envelope only
     snprintf(w.s->subject, 256, "%s", c.subject.c_str());
     kelHostStatusSetText(KEL_STATUS_MAIL_SENDER, c.sender ? c.sender : "");
     kelHostStatusFail(KEL_STATUS_MAIL_SENDER, c.sender ? 0 : -5);
     w.start(c.result != KEL_OK ? c.sent
-                               : "From: me@x\r\n" + c.sent + "MIME-version: 1.0\r\nContent-type: multipart/mixed; "
-                                 "boundary=\"" + w.b + "\"\r\nContent-transfer-encoding: 8bit\r\n");
+                               : "From: me@x\r\n" + c.sent + "MIME-version: 1.0\r\nContent-type: multipart/"
+                                 "mixed; boundary=\"" + w.b + "\"\r\nContent-transfer-encoding: 8bit\r\n");
     kelHostPoolFailAt(c.failAt);
     EXPECT_EQ(kelMAILSendHeaderBlock(w.s), c.result) << c.sent;
   }
@@ -70,7 +69,8 @@ TEST_F(Compose, HeaderBlock) {
 TEST_F(Compose, PartsLinesAndState) {
   Wire w;
   const std::string same = "one\r\ntwo\r\n", full(1021, 'f'), name(800, '\xff'), code(960, '/');
-  w.start("\r\n--" + w.b + "\r\nContent-Type: text/plain; charset=\"utf-8\"\r\nContent-Transfer-Encoding: 8bit\r\n\r\n" +
+  w.start("\r\n--" + w.b + "\r\nContent-Type: text/plain; charset=\"utf-8\"\r\n" +
+          "Content-Transfer-Encoding: 8bit\r\n\r\n" +
           "..\r\na.b\r\n..x\r\n\r\n\r\nend\r\r\n" + same + same + same + "ab\r\n..c\r\nab\r\n" + full + "\r\n" +
           full + "\r\ng\r\n" + full + "\r\n..\r\n\r\n--" + w.b + "\r\n\r\n--" + w.b +
           "\r\nContent-Type: application/octet-stream; name=\"=?utf-8?B?" + code + "?=\"\r\n" +
@@ -90,13 +90,14 @@ TEST_F(Compose, PartsLinesAndState) {
       {'w', "ab", KEL_OK}, {'w', ".c", KEL_OK}, {'w', "", KEL_OK}, {'n', "", KEL_OK},  // each call ends its line
       {'w', std::string("a\0b\n", 4), KEL_OK},                                          // a NUL is dropped
       {'w', full + "\n" + full + "g", KEL_OK}, {'w', full + ".", KEL_OK},  // a cut line gets its own dot test
-      {'c', "", KEL_OK}, {'c', "", KEL_MAIL_ERR_NO_PART}, {'m', "", KEL_MAIL_ERR_MEMORY},  // the delimiter is out
+      {'c', "", KEL_OK}, {'c', "", KEL_MAIL_ERR_NO_PART}, {'m', "", KEL_MAIL_ERR_MEMORY},  // delimiter is out
       {'c', "", KEL_OK}, {'f', "", KEL_OK}, {'w', "QUJD\n", KEL_OK},  // the name cut to 720 bytes
       {'x', "", KEL_OK}, {'c', "", KEL_OK}, {'f', "", KEL_MAIL_ERR_IO},  // a failed open leaves the part open
       {'w', "a\n", KEL_MAIL_ERR_IO}, {'c', "", KEL_OK}};
   for (auto &step : steps) {
     kelHostPoolFailAt(step.op == 'm');
-    kelResult r = step.op == 'w'   ? kelMAILWriteSmtp(w.s, step.bytes.data(), static_cast<int32_t>(step.bytes.size()))
+    const int32_t size = static_cast<int32_t>(step.bytes.size());
+    kelResult r = step.op == 'w'   ? kelMAILWriteSmtp(w.s, step.bytes.data(), size)
                   : step.op == 'n' ? kelMAILWriteSmtp(w.s, "zz", -1)
                   : step.op == 'c' ? kelMAILCloseSmtp(w.s)
                   : step.op == 'x' ? (kelMAILCloseSocket(w.s->socket), w.s->socket = -1, KEL_OK)
@@ -113,7 +114,8 @@ TEST_F(Compose, SubjectTemplate) {
   kelHostStatusSetText(KEL_STATUS_EQUIP_ID, "EQ-7");
   const std::string rows[][2] = {
       {"%printer %serial %etheraddr %equipid", "P1 SERIAL0123456789 00:1b:a9:0c:ff:05 EQ-7"},
-      {"%printerX%equipid.", "P1XEQ-7."}, {"%Printer %serialnumber %%printer", "%Printer SERIAL0123456789number %P1"},
+      {"%printerX%equipid.", "P1XEQ-7."},
+      {"%Printer %serialnumber %%printer", "%Printer SERIAL0123456789number %P1"},
       {"50% %prin %", "50% %prin %"}, {std::string(250, 'a') + "%equipid", std::string(250, 'a') + "EQ-7"},
       {std::string(300, 'a'), std::string(255, 'a')}};
   char out[512];

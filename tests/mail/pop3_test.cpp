@@ -30,21 +30,23 @@ TEST_F(Pop3, EveryCallAndItsReplyRules) {
     const char *command;  // STAT, LAST, LIST n, RETR n, DELE n, QUIT
     const char *reply;    // escaped, without the last CR LF; null: none read
     kelResult result;
-    long value;  // count, or size (99: untouched)
+    long value;  // then the count (STAT, LAST) or size (LIST; 99: untouched)
   } rows[] = {
       {"STAT", "+OK 3 4096", KEL_OK, 3}, {"STAT", "+OK", KEL_OK, 0}, {"STAT", "+OK  -12 more", KEL_OK, -12},
       {"STAT", "-ERR 9", KEL_MAIL_ERR_REPLY, -12}, {"LAST", "+OK 7", KEL_OK, 7},
       {"LAST", "-ERR Unknown command: LAST", KEL_MAIL_ERR_REPLY, 7},
       // Units of 1024 rounded up; a later line wins; the low 16 bits; a line
       // that begins with "." ends the listing, whatever follows.
-      {"LIST 2", R"(+OK\r\n1 100\r\n2 1025\r\n.)", KEL_OK, 2}, {"LIST 2", R"(+OK\r\n2 1025\r\n2 1\r\n.)", KEL_OK, 1},
-      {"LIST 1", R"(+OK\r\n1 67108864\r\n.)", KEL_OK, 0}, {"LIST 2", R"(+OK\r\n2 0\r\n.)", KEL_MAIL_ERR_UNSUPPORTED, 99},
-      {"LIST 4", R"(+OK\r\n3 5\r\n.junk)", KEL_MAIL_ERR_UNSUPPORTED, 99}, {"LIST 1", "-ERR busy", KEL_MAIL_ERR_REPLY, 99},
-      {"RETR 2", R"(+OK\r\nSubject: x\r\n\r\n..dot\r\n.)", KEL_OK, 0},
-      {"DELE -1", "-ERR no such message", KEL_MAIL_ERR_REPLY, 0}, {"DELE 2", "+OK", KEL_OK, 0},
+      {"LIST 2", R"(+OK\r\n1 100\r\n2 1025\r\n.)", KEL_OK, 2},
+      {"LIST 2", R"(+OK\r\n2 1025\r\n2 1\r\n.)", KEL_OK, 1}, {"LIST 1", R"(+OK\r\n1 67108864\r\n.)", KEL_OK, 0},
+      {"LIST 2", R"(+OK\r\n2 0\r\n.)", KEL_MAIL_ERR_UNSUPPORTED, 99},
+      {"LIST 4", R"(+OK\r\n3 5\r\n.junk)", KEL_MAIL_ERR_UNSUPPORTED, 99},
+      {"LIST 1", "-ERR busy", KEL_MAIL_ERR_REPLY, 99},
+      {"RETR 2", R"(+OK\r\nSubject: x\r\n\r\n..dot\r\n.)", KEL_OK, 99},
+      {"DELE -1", "-ERR no such message", KEL_MAIL_ERR_REPLY, 99}, {"DELE 2", "+OK", KEL_OK, 99},
       // A reply over 255 bytes comes in pieces: the rest is the next reply.
       {"STAT", long300.c_str(), KEL_OK, 1}, {"STAT", nullptr, KEL_MAIL_ERR_REPLY, 1},
-      {"QUIT", "-ERR later", KEL_MAIL_ERR_REPLY, 0}, {"QUIT", "+OK bye", KEL_OK, 0}};  // closed
+      {"QUIT", "-ERR later", KEL_MAIL_ERR_REPLY, 1}, {"QUIT", "+OK bye", KEL_OK, 1}};  // closed
   std::string script = "S: +OK POP3 server ready <1896.697170952@dbc.mtview.ca.us>\n"
                        "C: APOP mrose a6f0dd348916c9ee9539661f94c75203\nS: +OK\n";
   for (auto &row : rows)
@@ -58,31 +60,26 @@ TEST_F(Pop3, EveryCallAndItsReplyRules) {
   EXPECT_EQ(kelMAILLoginPop3ServerByAPOP(s), KEL_OK);
   for (auto &row : rows) {
     SCOPED_TRACE(row.reply ? row.reply : "(rest)");
-    uint16_t size = 99;
-    int32_t number = atoi(row.command + 4);
     auto is = [&](const char *verb) { return strncmp(row.command, verb, 4) == 0; };
-    if (is("STAT") || is("LAST")) {
-      EXPECT_EQ(is("STAT") ? kelMAILGetMailCount(s, &n) : kelMAILGetLastMail(s, &n), row.result);
-      EXPECT_EQ(n, row.value);
-    } else if (is("LIST")) {
-      EXPECT_EQ(kelMAILGetMailSize(s, number, &size), row.result);
-      EXPECT_EQ(size, row.value);
-    } else if (!is("RETR")) {
-      EXPECT_EQ(is("DELE") ? kelMAILDeleteMail(s, number) : kelMAILDisconnectPop3Server(s), row.result);
-    } else {
-        ASSERT_EQ(kelMAILStartMailData(s, number), KEL_OK);
-        std::string message;
-        char line[64];
-        do {
-          ASSERT_EQ(kelMAILRecvOneLinePop3(s, line, sizeof line), KEL_OK);
-          message += line;
-        } while (strcmp(line, ".\r\n") != 0);
-        EXPECT_EQ(message, "Subject: x\r\n\r\n..dot\r\n.\r\n");  // untouched
-    }
+    int32_t number = atoi(row.command + 4);
+    uint16_t size = 99;
+    EXPECT_EQ(is("STAT")   ? kelMAILGetMailCount(s, &n)
+              : is("LAST") ? kelMAILGetLastMail(s, &n)
+              : is("LIST") ? kelMAILGetMailSize(s, number, &size)
+              : is("DELE") ? kelMAILDeleteMail(s, number)
+              : is("QUIT") ? kelMAILDisconnectPop3Server(s)
+                           : kelMAILStartMailData(s, number),
+              row.result);
+    if (is("LIST")) n = size;
+    EXPECT_EQ(n, row.value);
     if (row.result == KEL_MAIL_ERR_REPLY && row.reply) {
       EXPECT_EQ(std::string(kelMAILRecvBuffer), kt::unescape(row.reply) + "\r\n");
       EXPECT_EQ(strncmp(kelMAILSendBuffer, row.command, 4), 0);
     }
+    std::string message;  // RETR: the lines as they come, stuffing and all
+    for (char line[64] = ""; is("RETR") && strcmp(line, ".\r\n") != 0; message += line)
+      ASSERT_EQ(kelMAILRecvOneLinePop3(s, line, sizeof line), KEL_OK);
+    EXPECT_EQ(message, is("RETR") ? "Subject: x\r\n\r\n..dot\r\n.\r\n" : "");
   }
   EXPECT_TRUE(peer.finish()) << peer.failure();
 }
@@ -91,7 +88,7 @@ TEST_F(Pop3, EveryCallAndItsReplyRules) {
 // first byte (they send nothing and give everything back), a refused
 // greeting, and the POP3 step of the SMTP start, which always ends with QUIT.
 TEST_F(Pop3, LoginsFailuresAndTheStepBeforeSmtp) {
-  const std::string stamp250 = "S: +OK<" + std::string(248, 's') + ">\nC: APOP mrose ";
+  const std::string stamp250 = "S: +OK<" + std::string(248, 's') + ">";  // 255 bytes with CR LF
   const char *hello = "S: +OK <1@h>", *user = "S: +OK\nC: USER mrose\nS: +OK\nC: PASS tanstaafl\nS: +OK\n";
   struct Row {
     char call;           // c: connect, u: USER/PASS, a: APOP, p: the step before SMTP
@@ -103,24 +100,20 @@ TEST_F(Pop3, LoginsFailuresAndTheStepBeforeSmtp) {
     int flag = 1, apop = 0;  // the step's two settings
   };
   const Row rows[] = {
-      {'u', user, KEL_OK},
-      {'u', "S: +OK\nC: USER mrose\nS: -ERR who", KEL_MAIL_ERR_REPLY},
+      {'u', user, KEL_OK}, {'u', "S: +OK\nC: USER mrose\nS: -ERR who", KEL_MAIL_ERR_REPLY},
       {'u', "S: +OK\nC: USER mrose\nS: +OK\nC: PASS pw\nS: -ERR no", KEL_MAIL_ERR_REPLY, 0, 0, "pw"},
-      {'a', "S: +OK ready", KEL_MAIL_ERR_UNSUPPORTED},
-      {'a', "S: +OK x> <1.2@h", KEL_MAIL_ERR_UNSUPPORTED},
+      {'a', "S: +OK ready", KEL_MAIL_ERR_UNSUPPORTED}, {'a', "S: +OK x> <1.2@h", KEL_MAIL_ERR_UNSUPPORTED},
       {'a', "S: +OK <a@h> <b@h>\nC: APOP mrose a45b0befac67111fb3359af790cb35b4\nS: +OK", KEL_OK, 0, 0, "pw"},
-      {'a', stamp250 + "23ebe30fcb4411d691d8c909f5b2b70a\nS: +OK", KEL_OK, 0, 0, "12345"},  // 255 bytes
-      {'a', "S: +OK<" + std::string(248, 's') + ">", KEL_MAIL_ERR_UNSUPPORTED, 0, 0, "123456"},
+      {'a', stamp250 + "\nC: APOP mrose 23ebe30fcb4411d691d8c909f5b2b70a\nS: +OK", KEL_OK, 0, 0, "12345"},
+      {'a', stamp250, KEL_MAIL_ERR_UNSUPPORTED, 0, 0, "123456"},  // stamp and secret over 255 bytes
       {'c', "", KEL_MAIL_ERR_MEMORY, 1}, {'c', "", KEL_MAIL_ERR_STATUS, 0, KEL_STATUS_POP3_SERVER},
-      {'c', "", KEL_MAIL_ERR_STATUS, 0, KEL_STATUS_POP3_PORT}, {'c', "S: -ERR go away", KEL_MAIL_ERR_REPLY},
-      {'u', hello, KEL_MAIL_ERR_MEMORY, 1}, {'u', hello, KEL_MAIL_ERR_MEMORY, 2},
-      {'u', hello, KEL_MAIL_ERR_STATUS, 0, KEL_STATUS_POP3_USER},
-      {'u', hello, KEL_MAIL_ERR_STATUS, 0, KEL_STATUS_POP3_PASSWORD},
-      {'a', hello, KEL_MAIL_ERR_MEMORY, 1}, {'a', hello, KEL_MAIL_ERR_MEMORY, 2}, {'a', hello, KEL_MAIL_ERR_MEMORY, 3},
-      {'a', hello, KEL_MAIL_ERR_STATUS, 0, KEL_STATUS_POP3_USER},
-      {'a', hello, KEL_MAIL_ERR_STATUS, 0, KEL_STATUS_POP3_PASSWORD},
-      {'p', "", KEL_OK, 0, 0, "", 0}, {'p', "", KEL_OK, 0, 0, "", 2}, {'p', "", KEL_MAIL_ERR_CONNECT},
-      {'p', "", KEL_MAIL_ERR_MEMORY, 1}, {'p', "", KEL_MAIL_ERR_STATUS, 0, KEL_STATUS_POP_BEFORE_SMTP},
+      {'c', "S: -ERR go away", KEL_MAIL_ERR_REPLY}, {'u', hello, KEL_MAIL_ERR_MEMORY, 1},
+      {'u', hello, KEL_MAIL_ERR_MEMORY, 2}, {'u', hello, KEL_MAIL_ERR_STATUS, 0, KEL_STATUS_POP3_USER},
+      {'a', hello, KEL_MAIL_ERR_MEMORY, 1}, {'a', hello, KEL_MAIL_ERR_MEMORY, 2},
+      {'a', hello, KEL_MAIL_ERR_MEMORY, 3},
+      {'a', hello, KEL_MAIL_ERR_STATUS, 0, KEL_STATUS_POP3_USER}, {'p', "", KEL_OK, 0, 0, "", 0},
+      {'p', "", KEL_OK, 0, 0, "", 2}, {'p', "", KEL_MAIL_ERR_CONNECT}, {'p', "", KEL_MAIL_ERR_MEMORY, 1},
+      {'p', "", KEL_MAIL_ERR_STATUS, 0, KEL_STATUS_POP_BEFORE_SMTP},
       {'p', "", KEL_MAIL_ERR_STATUS, 0, KEL_STATUS_POP3_USE_APOP},
       {'p', user + std::string("C: QUIT\nS: +OK"), KEL_OK},
       {'p', "S: +OK\nC: USER mrose\nS: -ERR\nC: QUIT\nS: +OK", KEL_MAIL_ERR_REPLY},
