@@ -1,10 +1,19 @@
 // The line transport against a scripted peer, and the SMTP session record.
 
+#include <dlfcn.h>
+#include <netdb.h>
 #include <string.h>
 #include <time.h>
 
 #include "mail_test.h"
 #include "sockets.h"
+
+// Names that begin with "kel-" don't resolve, without asking any resolver.
+extern "C" struct hostent *gethostbyname(const char *name) {
+  using Real = struct hostent *(*)(const char *);
+  static Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "gethostbyname"));
+  return strncmp(name, "kel-", 4) == 0 ? nullptr : real(name);
+}
 
 namespace {
 
@@ -37,6 +46,9 @@ TEST_F(Line, Transport) {
   for (int i = 0; i < 50 && r == KEL_OK; i++) r = kelMAILSendData(s, "NOOP\r\n");
   EXPECT_EQ(r, KEL_MAIL_ERR_IO);
   kelMAILCloseSocket(s);
+  s = -2;
+  EXPECT_EQ(kelMAILConnect(&s, "kel-unresolvable", 25), KEL_MAIL_ERR_HOST);
+  EXPECT_EQ(s, -2);  // untouched
   EXPECT_EQ(kelMAILConnect(&s, "127.0.0.1", kt::closedPort()), KEL_MAIL_ERR_CONNECT);
   ASSERT_GE(s, 0);  // the caller's to close
   kelMAILCloseSocket(s);

@@ -6,20 +6,16 @@
 #include <string.h>
 
 #include <fstream>
-#include <string>
 
-#include "kel_status.h"
-#include "mail/mail_internal.h"
-#include "pool_guard.h"
+#include "../mail/mail_test.h"
 
 namespace {
 
-class Pop3Server : public kt::PoolGuard {};
+class Pop3Server : public mt::Mail {};
 
 TEST_F(Pop3Server, BothLoginsCountListFetchDelete) {
   const char *port = getenv("KEL_POP3_PORT"), *dir = getenv("KEL_POP3_MAILDIR");
   if (port == nullptr || dir == nullptr) GTEST_SKIP() << "no POP3 server (scripts/servers/dovecot.sh)";
-  kelHostStatusReset();
   kelHostStatusSetText(KEL_STATUS_POP3_SERVER, getenv("KEL_POP3_HOST"));
   kelHostStatusSetNumber(KEL_STATUS_POP3_PORT, static_cast<uint32_t>(atoi(port)));
   kelHostStatusSetText(KEL_STATUS_POP3_USER, getenv("KEL_POP3_USER"));
