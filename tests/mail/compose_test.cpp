@@ -3,8 +3,7 @@
 
 #include <string.h>
 
-#include <string>
-#include <vector>
+#include <sstream>
 
 #include "mail_test.h"
 
@@ -12,150 +11,113 @@ namespace {
 
 class Compose : public mt::Mail {};
 
-// A session whose socket leads to a peer that must receive exactly the
-// bytes given to start(), then the close.
+// A session whose socket leads to a peer that must receive exactly the bytes
+// given to start(), then the close.
 struct Wire {
   kt::TcpPeer peer;
-  kelMAILSession *s = nullptr;
-  std::string b;  // the boundary
-  Wire() {
-    s = static_cast<kelMAILSession *>(kelMAILAlloc(sizeof(kelMAILSession)));
-    EXPECT_EQ(kelMAILInitSmtpSession(s), KEL_OK);
-    b = s->boundary;
+  kelMAILSession *s = static_cast<kelMAILSession *>(kelMAILAlloc(sizeof(kelMAILSession)));
+  std::string b = kelMAILInitSmtpSession(s) == KEL_OK ? s->boundary : "(no session)";
+  ~Wire() {
+    kelMAILFreeSmtpSession(s);
+    EXPECT_TRUE(peer.finish()) << peer.failure();
   }
-  ~Wire() { kelMAILFreeSmtpSession(s); }
   void start(const std::string &want) {
-    peer.expect(want).expectEof();
-    peer.start();
+    peer.expect(want).expectEof().start();
     EXPECT_EQ(kelMAILConnect(&s->socket, "127.0.0.1", peer.port()), KEL_OK);
-  }
-  bool finish() {
-    kelMAILCloseSocket(s->socket);
-    s->socket = -1;
-    return peer.finish();
-  }
-  static void list(kelMAILAddress **cell, int32_t *count, const std::vector<std::string> &items) {
-    *count = static_cast<int32_t>(items.size());
-    if (items.empty()) return;
-    *cell = static_cast<kelMAILAddress *>(kelMAILAlloc(static_cast<uint32_t>(items.size() * 128)));
-    for (size_t i = 0; i < items.size(); i++) snprintf((*cell)[i], 128, "%s", items[i].c_str());
   }
 };
 
-const char kMime[] = "MIME-version: 1.0\r\nContent-type: multipart/mixed; boundary=\"";
-const char kEight[] = "\"\r\nContent-transfer-encoding: 8bit\r\n";
+// Fills a recipient list from blank-separated addresses.
+void list(kelMAILAddress **cell, int32_t *count, const std::string &items) {
+  *cell = static_cast<kelMAILAddress *>(kelMAILAlloc(4 * sizeof(kelMAILAddress)));
+  std::istringstream in(items);
+  for (*count = 0; in >> (*cell)[*count];) ++*count;
+}
 
 TEST_F(Compose, HeaderBlock) {
-  struct Case {
-    std::vector<std::string> to, cc;
-    std::string subject, lines;
-  };
-  const Case cases[] = {
-      {{"a@x"}, {}, "Hi", "To: a@x\r\nSubject: =?utf-8?B?SGk=?=\r\n"},
-      {{"a@x", "b@x", "c@x"}, {"d@x", "e@x"}, "",
-       "To: a@x,\r\n    b@x,\r\n    c@x\r\nCc: d@x,\r\n    e@x\r\n"},
-      {{"a@x", "b@x"}, {"d@x"}, std::string(255, '\xff'),
-       "To: a@x,\r\n    b@x\r\nCc: d@x\r\nSubject: =?utf-8?B?" + std::string(340, '/') + "?=\r\n"},
-  };
-  kelHostStatusSetText(KEL_STATUS_MAIL_SENDER, "me@x");
-  for (const Case &c : cases) {
-    Wire w;
-    Wire::list(&w.s->toList, &w.s->toCount, c.to);
-    Wire::list(&w.s->ccList, &w.s->ccCount, c.cc);
-    Wire::list(&w.s->bccList, &w.s->bccCount, {"hidden@x"});  // envelope only
-    snprintf(w.s->subject, 256, "%s", c.subject.c_str());
-    w.start("From: me@x\r\n" + c.lines + kMime + w.b + kEight);
-    EXPECT_EQ(kelMAILSendHeaderBlock(w.s), KEL_OK);
-    EXPECT_TRUE(w.finish()) << w.peer.failure();
-  }
-  // Failures stop at once and give everything back.
   const struct {
-    const char *sender;
-    int failure;
-    size_t failAt;  // the sender, then the subject's Base64
-    const char *sent;
+    std::string to, cc, subject;
+    const char *sender;  // null: the setting can't be read
+    size_t failAt;       // the sender, then the subject's Base64
+    std::string sent;    // the lines between From and the MIME lines; all that is sent on a failure
     kelResult result;
-  } failures[] = {{"", 0, 0, "", KEL_MAIL_ERR_NO_SENDER},
-                  {"me@x", -5, 0, "", KEL_MAIL_ERR_STATUS},
-                  {"me@x", 0, 1, "", KEL_MAIL_ERR_MEMORY},
-                  {"me@x", 0, 2, "From: me@x\r\nTo: a@x\r\n", KEL_MAIL_ERR_MEMORY}};
-  for (auto &f : failures) {
+  } cases[] = {
+      {"a@x", "", "Hi", "me@x", 0, "To: a@x\r\nSubject: =?utf-8?B?SGk=?=\r\n", KEL_OK},
+      {"a@x b@x c@x", "d@x e@x", "", "me@x", 0,
+       "To: a@x,\r\n    b@x,\r\n    c@x\r\nCc: d@x,\r\n    e@x\r\n", KEL_OK},
+      {"a@x b@x", "d@x", std::string(255, '\xff'), "me@x", 0,
+       "To: a@x,\r\n    b@x\r\nCc: d@x\r\nSubject: =?utf-8?B?" + std::string(340, '/') + "?=\r\n", KEL_OK},
+      {"a@x", "", "", "me@x", 1, "", KEL_MAIL_ERR_MEMORY}, {"a@x", "", "", "", 0, "", KEL_MAIL_ERR_NO_SENDER},
+      {"a@x", "", "", "me@x", 2, "From: me@x\r\nTo: a@x\r\n", KEL_MAIL_ERR_MEMORY},  // stops at once
+      {"a@x", "", "", nullptr, 0, "", KEL_MAIL_ERR_STATUS}};
+  for (auto &c : cases) {
     Wire w;
-    Wire::list(&w.s->toList, &w.s->toCount, {"a@x"});
-    kelHostStatusSetText(KEL_STATUS_MAIL_SENDER, f.sender);
-    kelHostStatusFail(KEL_STATUS_MAIL_SENDER, f.failure);
-    w.start(f.sent);
-    kelHostPoolFailAt(f.failAt);
-    EXPECT_EQ(kelMAILSendHeaderBlock(w.s), f.result) << f.sent;
-    kelHostPoolFailAt(0);
-    EXPECT_TRUE(w.finish()) << w.peer.failure();
+    list(&w.s->toList, &w.s->toCount, c.to);
+    list(&w.s->ccList, &w.s->ccCount, c.cc);
+    list(&w.s->bccList, &w.s->bccCount, "hidden@x");  // envelope only
+    snprintf(w.s->subject, 256, "%s", c.subject.c_str());
+    kelHostStatusSetText(KEL_STATUS_MAIL_SENDER, c.sender ? c.sender : "");
+    kelHostStatusFail(KEL_STATUS_MAIL_SENDER, c.sender ? 0 : -5);
+    w.start(c.result != KEL_OK ? c.sent
+                               : "From: me@x\r\n" + c.sent + "MIME-version: 1.0\r\nContent-type: multipart/"
+                                 "mixed; boundary=\"" + w.b + "\"\r\nContent-transfer-encoding: 8bit\r\n");
+    kelHostPoolFailAt(c.failAt);
+    EXPECT_EQ(kelMAILSendHeaderBlock(w.s), c.result) << c.sent;
   }
 }
 
 TEST_F(Compose, PartsLinesAndState) {
   Wire w;
-  auto write = [&](const std::string &bytes) {
-    return kelMAILWriteSmtp(w.s, bytes.data(), static_cast<int32_t>(bytes.size()));
-  };
-  const std::string same = "one\r\ntwo\r\n";
-  const std::string full(1021, 'f');
-  const std::string name(800, '\xff');
-  w.start("\r\n--" + w.b + "\r\nContent-Type: text/plain; charset=\"utf-8\"\r\n"
+  const std::string same = "one\r\ntwo\r\n", full(1021, 'f'), name(800, '\xff'), code(960, '/');
+  w.start("\r\n--" + w.b + "\r\nContent-Type: text/plain; charset=\"utf-8\"\r\n" +
           "Content-Transfer-Encoding: 8bit\r\n\r\n" +
-          "..\r\na.b\r\n..x\r\n\r\n\r\nend\r\r\n" + same + same + same + "ab\r\n..c\r\n" + "ab\r\n" +
-          full + "\r\n" + full + "\r\ng\r\n" + full + "\r\n..\r\n" +
-          "\r\n--" + w.b + "\r\n\r\n--" + w.b + "\r\nContent-Type: application/octet-stream; name=\"=?utf-8?B?" +
-          std::string(960, '/') + "?=\"\r\nContent-Transfer-Encoding: base64\r\n" +
-          "Content-Disposition: attachment; filename=\"=?utf-8?B?" + std::string(960, '/') +
+          "..\r\na.b\r\n..x\r\n\r\n\r\nend\r\r\n" + same + same + same + "ab\r\n..c\r\nab\r\n" + full + "\r\n" +
+          full + "\r\ng\r\n" + full + "\r\n..\r\n\r\n--" + w.b + "\r\n\r\n--" + w.b +
+          "\r\nContent-Type: application/octet-stream; name=\"=?utf-8?B?" + code + "?=\"\r\n" +
+          "Content-Transfer-Encoding: base64\r\nContent-Disposition: attachment; filename=\"=?utf-8?B?" + code +
           "?=\"\r\n\r\nQUJD\r\n");
   kelMAILSmtpPart text = {"ignored", KEL_MAIL_PART_KIND_TEXT}, file = {name.c_str(), 0};
-  EXPECT_EQ(write("x"), KEL_MAIL_ERR_NO_PART);
-  EXPECT_EQ(kelMAILCloseSmtp(w.s), KEL_MAIL_ERR_NO_PART);
-  ASSERT_EQ(kelMAILOpenSmtp(w.s, &text), KEL_OK);
-  EXPECT_EQ(kelMAILOpenSmtp(w.s, &text), KEL_MAIL_ERR_PART_OPEN);
-  EXPECT_EQ(w.s->partState, KEL_MAIL_PART_STATE_OPEN);
-  EXPECT_EQ(write("."), KEL_OK);
-  EXPECT_EQ(write("a.b\n.x\r\n\r\n\nend\r"), KEL_OK);  // dots, empty lines, a last CR
-  for (const char *form : {"one\ntwo\n", "one\r\ntwo\r\n", "one\r\ntwo"}) EXPECT_EQ(write(form), KEL_OK);
-  EXPECT_EQ(write("ab"), KEL_OK);  // each call ends its line
-  EXPECT_EQ(write(".c"), KEL_OK);
-  EXPECT_EQ(kelMAILWriteSmtp(w.s, "zz", 0), KEL_OK);
-  EXPECT_EQ(kelMAILWriteSmtp(w.s, "zz", -1), KEL_OK);
-  EXPECT_EQ(write(std::string("a\0b\n", 4)), KEL_OK);  // a NUL is dropped
-  EXPECT_EQ(write(full + "\n" + full + "g"), KEL_OK);  // 1021 bytes pass, the next is cut
-  EXPECT_EQ(write(full + "."), KEL_OK);  // the cut line gets its dot test
-  EXPECT_EQ(kelMAILCloseSmtp(w.s), KEL_OK);
-  EXPECT_EQ(kelMAILCloseSmtp(w.s), KEL_MAIL_ERR_NO_PART);
-  kelHostPoolFailAt(1);  // no memory for the name: the delimiter is out
-  EXPECT_EQ(kelMAILOpenSmtp(w.s, &file), KEL_MAIL_ERR_MEMORY);
-  kelHostPoolFailAt(0);
-  EXPECT_EQ(kelMAILCloseSmtp(w.s), KEL_OK);
-  ASSERT_EQ(kelMAILOpenSmtp(w.s, &file), KEL_OK);  // the name cut to 720 bytes
-  EXPECT_EQ(write("QUJD\n"), KEL_OK);
-  EXPECT_EQ(kelMAILCloseSmtp(w.s), KEL_OK);
-  EXPECT_TRUE(w.finish()) << w.peer.failure();
-  // On a dead socket a failed open leaves the part open.
-  EXPECT_EQ(kelMAILOpenSmtp(w.s, &file), KEL_MAIL_ERR_IO);
-  EXPECT_EQ(kelMAILWriteSmtp(w.s, "a\n", 2), KEL_MAIL_ERR_IO);
-  EXPECT_EQ(kelMAILCloseSmtp(w.s), KEL_OK);
+  // w: write, n: write of length -1, t/f: open text/file part, m: the same
+  // without memory, c: close, x: the connection ends.
+  const struct {
+    char op;
+    std::string bytes;
+    kelResult result;
+  } steps[] = {
+      {'w', "x", KEL_MAIL_ERR_NO_PART}, {'c', "", KEL_MAIL_ERR_NO_PART}, {'t', "", KEL_OK},
+      {'t', "", KEL_MAIL_ERR_PART_OPEN}, {'w', ".", KEL_OK}, {'w', "a.b\n.x\r\n\r\n\nend\r", KEL_OK},
+      {'w', "one\ntwo\n", KEL_OK}, {'w', same, KEL_OK}, {'w', "one\r\ntwo", KEL_OK},  // every line end
+      {'w', "ab", KEL_OK}, {'w', ".c", KEL_OK}, {'w', "", KEL_OK}, {'n', "", KEL_OK},  // each call ends its line
+      {'w', std::string("a\0b\n", 4), KEL_OK},                                          // a NUL is dropped
+      {'w', full + "\n" + full + "g", KEL_OK}, {'w', full + ".", KEL_OK},  // a cut line gets its own dot test
+      {'c', "", KEL_OK}, {'c', "", KEL_MAIL_ERR_NO_PART}, {'m', "", KEL_MAIL_ERR_MEMORY},  // delimiter is out
+      {'c', "", KEL_OK}, {'f', "", KEL_OK}, {'w', "QUJD\n", KEL_OK},  // the name cut to 720 bytes
+      {'x', "", KEL_OK}, {'c', "", KEL_OK}, {'f', "", KEL_MAIL_ERR_IO},  // a failed open leaves the part open
+      {'w', "a\n", KEL_MAIL_ERR_IO}, {'c', "", KEL_OK}};
+  for (auto &step : steps) {
+    kelHostPoolFailAt(step.op == 'm');
+    const int32_t size = static_cast<int32_t>(step.bytes.size());
+    kelResult r = step.op == 'w'   ? kelMAILWriteSmtp(w.s, step.bytes.data(), size)
+                  : step.op == 'n' ? kelMAILWriteSmtp(w.s, "zz", -1)
+                  : step.op == 'c' ? kelMAILCloseSmtp(w.s)
+                  : step.op == 'x' ? (kelMAILCloseSocket(w.s->socket), w.s->socket = -1, KEL_OK)
+                                   : kelMAILOpenSmtp(w.s, step.op == 't' ? &text : &file);
+    EXPECT_EQ(r, step.result) << step.op << " " << kt::printable(step.bytes.substr(0, 20));
+  }
   EXPECT_EQ(kelMAILWriteSmtp(nullptr, "a", 1), KEL_MAIL_ERR_NO_PART);
 }
 
 TEST_F(Compose, SubjectTemplate) {
-  const unsigned char ether[8] = {0x00, 0x1b, 0xa9, 0x0c, 0xff, 0x05, 0x77, 0x88};
   kelHostStatusSetText(KEL_STATUS_PRINTER, "P1");
   kelHostStatusSetBytes(KEL_STATUS_SERIAL, "SERIAL0123456789", 16);
-  kelHostStatusSetBytes(KEL_STATUS_ETHER_ADDR, ether, 8);
+  kelHostStatusSetBytes(KEL_STATUS_ETHER_ADDR, "\x00\x1b\xa9\x0c\xff\x05\x77\x88", 8);
   kelHostStatusSetText(KEL_STATUS_EQUIP_ID, "EQ-7");
   const std::string rows[][2] = {
       {"%printer %serial %etheraddr %equipid", "P1 SERIAL0123456789 00:1b:a9:0c:ff:05 EQ-7"},
       {"%printerX%equipid.", "P1XEQ-7."},
       {"%Printer %serialnumber %%printer", "%Printer SERIAL0123456789number %P1"},
-      {"50% %prin %", "50% %prin %"},
-      {"", ""},
-      {std::string(250, 'a') + "%equipid", std::string(250, 'a') + "EQ-7"},
-      {std::string(300, 'a'), std::string(255, 'a')},
-  };
+      {"50% %prin %", "50% %prin %"}, {std::string(250, 'a') + "%equipid", std::string(250, 'a') + "EQ-7"},
+      {std::string(300, 'a'), std::string(255, 'a')}};
   char out[512];
   for (auto &row : rows) {
     memset(out, 'z', sizeof out);

@@ -1,17 +1,12 @@
 // Shared by the mail client's tests: a fixture that checks the pool and
-// resets the device settings, and connections to scripted peers.
+// resets the device settings, and connections to scripted peers (the pool
+// guard brings GoogleTest and the host stand-ins, the transcript the peers).
 #pragma once
-
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "kel_os.h"
 #include "kel_status.h"
-#include "kelhost.h"
 #include "kelnet.h"
 #include "mail/mail_internal.h"
-#include "peer.h"
 #include "pool_guard.h"
 #include "transcript.h"
 
