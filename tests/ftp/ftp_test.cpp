@@ -91,20 +91,31 @@ bool call(kelFTPCSession *&s, const std::string &item, uint16_t port) {
               : op == "names" ? names : open, want) << item;
     return false;
   }
+  using Named = kelResult (*)(kelFTPCSession *, const char *);
+  using Numbered = kelResult (*)(kelFTPCSession *, int);
+  using Opening = kelResult (*)(kelFTPCSession *, const char *, const char *, int, int, int);
+  static const std::map<std::string, Named> named = {
+      {"CWD", kelFTPCCommandReplyCWD}, {"XCWD", kelFTPCCommandReplyXCWD}, {"DELE", kelFTPCCommandReplyDELE},
+      {"STOR", kelFTPCCommandReplySTOR}, {"APPE", kelFTPCCommandReplyAPPE}, {"RETR", kelFTPCCommandReplyRETR},
+      {"USER", kelFTPCCommandReplyUSER}, {"PASS", kelFTPCCommandReplyPASS}};
+  static const std::map<std::string, Numbered> numbered = {
+      {"TYPE", kelFTPCCommandReplyTYPE}, {"STRU", kelFTPCCommandReplySTRU}, {"MODE", kelFTPCCommandReplyMODE}};
+  static const std::map<std::string, Opening> opening = {
+      {"put", kelFTPCProtoPutOpen}, {"append", kelFTPCProtoAppendOpen}, {"get", kelFTPCProtoGetOpen}};
   kelResult r = KEL_FTPC_BAD_COMMAND;
   kelFTPCFileRecord file = {a, b};
   uint32_t address;
   uint16_t dataPort;
   char dir[64];
   std::string got;
-  if (op == "attach") {
+  if (named.count(op)) r = named.at(op)(s, a);
+  else if (numbered.count(op)) r = numbered.at(op)(s, atoi(a));
+  else if (opening.count(op)) r = opening.at(op)(s, a, b, 1, 1, 3);
+  else if (op == "attach") {
     kelFTPCOpenSocket(&s->controlSocket);
     r = kelFTPCConnectSocket(&s->controlSocket, kt::loopback(), port, s->timeoutMs);
   }
   else if (op == "connect") r = kelFTPCProtoConnect(s, w[1].empty() ? "127.0.0.1" : a, "u", "p");
-  else if (op == "put") r = kelFTPCProtoPutOpen(s, a, b, 1, 1, 3);
-  else if (op == "append") r = kelFTPCProtoAppendOpen(s, a, b, 1, 1, 3);
-  else if (op == "get") r = kelFTPCProtoGetOpen(s, a, b, 1, 1, 3);
   else if (op == "wopen") r = kelFTPCWriteOpen(s, w[2].empty() ? nullptr : &file);
   else if (op == "ropen") r = kelFTPCReadOpen(s, w[2].empty() ? nullptr : &file);
   else if (op == "write") r = kelFTPCWrite(s, w[1].data(), static_cast<uint32_t>(w[1].size()));
@@ -115,19 +126,8 @@ bool call(kelFTPCSession *&s, const std::string &item, uint16_t port) {
   else if (op == "delete") r = kelFTPCProtoDelete(s, a, b);
   else if (op == "abort") r = kelFTPCAbortEnd(s);
   else if (op == "end") r = kelFTPCEnd(s);
-  else if (op == "TYPE") r = kelFTPCCommandReplyTYPE(s, atoi(a));
-  else if (op == "STRU") r = kelFTPCCommandReplySTRU(s, atoi(a));
-  else if (op == "MODE") r = kelFTPCCommandReplyMODE(s, atoi(a));
-  else if (op == "CWD") r = kelFTPCCommandReplyCWD(s, a);
-  else if (op == "XCWD") r = kelFTPCCommandReplyXCWD(s, a);
   else if (op == "PORT") r = kelFTPCCommandReplyPORT(s, inet_addr("10.1.2.3"), 1234);
   else if (op == "PASV") r = kelFTPCCommandReplyPASV(s, &address, &dataPort);
-  else if (op == "DELE") r = kelFTPCCommandReplyDELE(s, a);
-  else if (op == "STOR") r = kelFTPCCommandReplySTOR(s, a);
-  else if (op == "APPE") r = kelFTPCCommandReplyAPPE(s, a);
-  else if (op == "RETR") r = kelFTPCCommandReplyRETR(s, a);
-  else if (op == "USER") r = kelFTPCCommandReplyUSER(s, a);
-  else if (op == "PASS") r = kelFTPCCommandReplyPASS(s, a);
   else if (op == "QUIT") r = kelFTPCCommandReplyQUIT(s);
   else if (op == "PWD") r = kelFTPCCommandReplyPWD(s, dir, sizeof dir);
   else if (op == "XPWD") r = kelFTPCCommandReplyXPWD(s, dir, sizeof dir);

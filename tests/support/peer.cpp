@@ -27,7 +27,7 @@ uint32_t loopback() { return htonl(INADDR_LOOPBACK); }
 
 static bool readable(int fd, int ms) {
   pollfd p{fd, POLLIN, 0};
-  return poll(&p, 1, ms) > 0;
+  return fd >= 0 && poll(&p, 1, ms) > 0;
 }
 
 // Small sends go out at once, not held back for the client's delayed
@@ -43,25 +43,33 @@ static bool pause(int ms) {
   return true;
 }
 
-TcpPeer::TcpPeer(uint16_t port) : port_(port) { listener_ = listenLoopback(8, &port_); }
-
-TcpPeer::~TcpPeer() {
-  finish();
-  for (auto &entry : fds_) ::close(entry.second);
-  ::close(listener_);
+void Script::start() {
+  thread_ = std::thread([this] {
+    for (auto &s : steps_)
+      if (!s()) return;
+  });
 }
 
-int TcpPeer::fd(const std::string &conn) const { return fds_.count(conn) ? fds_.at(conn) : -1; }
+bool Script::finish() {
+  if (thread_.joinable()) thread_.join();
+  return failure_.empty();
+}
 
-bool TcpPeer::fail(const std::string &why) {
+bool Script::fail(const std::string &why) {
   if (failure_.empty()) failure_ = why;
   return false;
 }
 
-std::string TcpPeer::var(const std::string &name) const { return vars_.count(name) ? vars_.at(name) : ""; }
-void TcpPeer::setVar(const std::string &name, const std::string &value) { vars_[name] = value; }
-std::string TcpPeer::received(const std::string &conn) const {
-  return received_.count(conn) ? received_.at(conn) : "";
+// The peer's own listener is the connection named "", and the first step
+// accepts the control connection from it.
+TcpPeer::TcpPeer(uint16_t port) : port_(port) {
+  fds_[""] = listenLoopback(8, &port_);
+  accept("", kControl);
+}
+
+TcpPeer::~TcpPeer() {
+  finish();
+  for (auto &entry : fds_) ::close(entry.second);
 }
 
 std::string TcpPeer::expand(const std::string &text) const {
@@ -75,7 +83,7 @@ std::string TcpPeer::expand(const std::string &text) const {
 
 bool TcpPeer::readSome(const std::string &conn, std::string &out, size_t max) {
   char buffer[65536];
-  ssize_t n = fd(conn) < 0 || !readable(fd(conn), stepTimeoutMs) ? -1 : recv(fd(conn), buffer, std::min(max, sizeof buffer), 0);
+  ssize_t n = readable(fd(conn), stepTimeoutMs) ? recv(fd(conn), buffer, std::min(max, sizeof buffer), 0) : -1;
   if (n <= 0) return fail((n ? "nothing came on " : "client closed ") + conn + " after " + printable(out));
   out.append(buffer, static_cast<size_t>(n));
   received_[conn].append(buffer, static_cast<size_t>(n));
@@ -83,7 +91,7 @@ bool TcpPeer::readSome(const std::string &conn, std::string &out, size_t max) {
 }
 
 TcpPeer &TcpPeer::step(std::function<bool(TcpPeer &)> action) {
-  steps_.push_back(std::move(action));
+  steps_.push_back([this, action] { return action(*this); });
   return *this;
 }
 
@@ -99,12 +107,14 @@ TcpPeer &TcpPeer::expect(const std::string &expected, const std::string &conn) {
   return step([expected, conn](TcpPeer &p) {
     std::string want = p.expand(expected), got;
     while (got.size() < want.size())
-      if (!p.readSome(conn, got, want.size() - got.size())) return p.fail(p.failure_ + "; expected " + printable(want));
+      if (!p.readSome(conn, got, want.size() - got.size()))
+        return p.fail(p.failure_ + "; expected " + printable(want));
     return got == want || p.fail("expected " + printable(want) + " got " + printable(got));
   });
 }
 
-TcpPeer &TcpPeer::expectLine(const std::string &pattern, std::vector<std::string> captures, const std::string &conn) {
+TcpPeer &TcpPeer::expectLine(const std::string &pattern, std::vector<std::string> captures,
+                              const std::string &conn) {
   return step([pattern, captures, conn](TcpPeer &p) {
     std::string line;
     std::smatch m;
@@ -152,9 +162,9 @@ TcpPeer &TcpPeer::listen(const std::string &name) {
 
 TcpPeer &TcpPeer::accept(const std::string &listener, const std::string &conn) {
   return step([listener, conn](TcpPeer &p) {
-    int l = p.fd(listener), f = l >= 0 && readable(l, p.stepTimeoutMs) ? ::accept(l, nullptr, nullptr) : -1;
+    int f = readable(p.fd(listener), p.stepTimeoutMs) ? ::accept(p.fd(listener), nullptr, nullptr) : -1;
     if (f >= 0) p.fds_[conn] = noDelay(f);
-    return f >= 0 || p.fail("no connection came to " + listener);
+    return f >= 0 || p.fail("no connection came to the listener " + listener);
   });
 }
 
@@ -167,26 +177,12 @@ TcpPeer &TcpPeer::connect(const std::string &portVariable, const std::string &co
   });
 }
 
-void TcpPeer::start() {
-  thread_ = std::thread([this] {
-    if (listener_ < 0 || !readable(listener_, stepTimeoutMs)) return (void)fail("the client never connected");
-    fds_[kControl] = noDelay(::accept(listener_, nullptr, nullptr));
-    for (auto &s : steps_)
-      if (!s(*this)) return;
-  });
-}
-
-bool TcpPeer::finish() {
-  if (thread_.joinable()) thread_.join();
-  return failure_.empty();
-}
-
 UdpPeer::UdpPeer(uint16_t port, uint32_t address) : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
   sockaddr_in a = loopbackAddress(port);
   a.sin_addr.s_addr = address;
   socklen_t len = sizeof a;
-  if (bind(fd_, reinterpret_cast<sockaddr *>(&a), len) == 0 && getsockname(fd_, reinterpret_cast<sockaddr *>(&a), &len) == 0)
-    port_ = ntohs(a.sin_port);
+  sockaddr *at = reinterpret_cast<sockaddr *>(&a);
+  if (bind(fd_, at, len) == 0 && getsockname(fd_, at, &len) == 0) port_ = ntohs(a.sin_port);
 }
 
 UdpPeer::~UdpPeer() {
@@ -197,25 +193,20 @@ UdpPeer::~UdpPeer() {
 UdpPeer &UdpPeer::expect(const std::string &expected) {
   steps_.push_back([this, expected] {
     char buffer[65536];
-    sockaddr_in from{};
-    socklen_t len = sizeof from;
-    ssize_t n = readable(fd_, stepTimeoutMs) ? recvfrom(fd_, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr *>(&from), &len) : -1;
-    if (n < 0) return failure_ = "no datagram came", false;
-    received_.emplace_back(buffer, static_cast<size_t>(n));
-    lastAddress_ = from.sin_addr.s_addr;
-    lastPort_ = ntohs(from.sin_port);
-    return received_.back() == expected ||
-           (failure_ = "expected " + printable(expected) + " got " + printable(received_.back()), false);
+    socklen_t len = sizeof last_;
+    sockaddr *from = reinterpret_cast<sockaddr *>(&last_);
+    ssize_t n = readable(fd_, stepTimeoutMs) ? recvfrom(fd_, buffer, sizeof buffer, 0, from, &len) : -1;
+    if (n < 0) return fail("no datagram came");
+    std::string &got = received_.emplace_back(buffer, static_cast<size_t>(n));
+    return got == expected || fail("expected " + printable(expected) + " got " + printable(got));
   });
   return *this;
 }
 
 UdpPeer &UdpPeer::reply(const std::string &bytes) {
   steps_.push_back([this, bytes] {
-    sockaddr_in to = loopbackAddress(lastPort_);
-    to.sin_addr.s_addr = lastAddress_;
-    return sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to) ==
-               static_cast<ssize_t>(bytes.size()) || (failure_ = "send failed", false);
+    return sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&last_), sizeof last_) ==
+               static_cast<ssize_t>(bytes.size()) || fail("send failed");
   });
   return *this;
 }
@@ -223,18 +214,6 @@ UdpPeer &UdpPeer::reply(const std::string &bytes) {
 UdpPeer &UdpPeer::stall(int ms) {
   steps_.push_back([ms] { return pause(ms); });
   return *this;
-}
-
-void UdpPeer::start() {
-  thread_ = std::thread([this] {
-    for (auto &s : steps_)
-      if (!s()) return;
-  });
-}
-
-bool UdpPeer::finish() {
-  if (thread_.joinable()) thread_.join();
-  return failure_.empty();
 }
 
 }  // namespace kt

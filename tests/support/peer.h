@@ -5,6 +5,7 @@
 // as text.
 #pragma once
 
+#include <netinet/in.h>
 #include <stdint.h>
 
 #include <functional>
@@ -21,18 +22,34 @@ std::string printable(const std::string &bytes);
 // Local IPv4 address 127.0.0.1 in network byte order.
 uint32_t loopback();
 
-class TcpPeer {
+// Steps run in order on a thread of their own until one fails.
+class Script {
+ public:
+  // How long any one step waits for the client before it fails.
+  int stepTimeoutMs = 5000;
+  void start();
+  // Waits for the script to end; true if every step passed. The sockets
+  // stay open until the peer is destroyed.
+  bool finish();
+  const std::string &failure() const { return failure_; }
+  // Records the first failure; false, to stop the script.
+  bool fail(const std::string &why);
+
+ protected:
+  std::vector<std::function<bool()>> steps_;
+  std::string failure_;
+  std::thread thread_;
+};
+
+class TcpPeer : public Script {
  public:
   // The first connection to the peer's own listener, accepted before the
   // first step runs.
   static constexpr const char *kControl = "ctl";
-  // How long any one step waits for the client before it fails.
-  int stepTimeoutMs = 5000;
 
   // Listens on 127.0.0.1 at port; 0 takes any free port.
   explicit TcpPeer(uint16_t port = 0);
   ~TcpPeer();
-
   uint16_t port() const { return port_; }
 
   // --- steps, run in order by start() ---
@@ -59,38 +76,27 @@ class TcpPeer {
   // Any other action; it returns false (through fail()) to stop the script.
   TcpPeer &step(std::function<bool(TcpPeer &)> action);
 
-  // Runs the steps on a thread of their own.
-  void start();
-  // Waits for the script to end; true if every step passed. The sockets
-  // stay open until the peer is destroyed.
-  bool finish();
-  const std::string &failure() const { return failure_; }
   // Everything the client sent on conn.
-  std::string received(const std::string &conn = kControl) const;
-  std::string var(const std::string &name) const;
-  void setVar(const std::string &name, const std::string &value);
+  std::string received(const std::string &conn = kControl) const { return get(received_, conn); }
+  std::string var(const std::string &name) const { return get(vars_, name); }
+  void setVar(const std::string &name, const std::string &value) { vars_[name] = value; }
 
-  // For custom steps.
-  int fd(const std::string &conn) const;
-  bool fail(const std::string &why);
+ private:
+  static std::string get(const std::map<std::string, std::string> &m, const std::string &key) {
+    return m.count(key) ? m.at(key) : "";
+  }
+  std::string expand(const std::string &text) const;
+  int fd(const std::string &conn) const { return fds_.count(conn) ? fds_.at(conn) : -1; }
   // One receive of at most max bytes on conn, appended to out; false on
   // time-out, error or the client's close.
   bool readSome(const std::string &conn, std::string &out, size_t max);
-
- private:
-  std::string expand(const std::string &text) const;
-  std::vector<std::function<bool(TcpPeer &)>> steps_;
   std::map<std::string, int> fds_;
   std::map<std::string, std::string> received_, vars_;
-  std::string failure_;
-  int listener_ = -1;
   uint16_t port_ = 0;
-  std::thread thread_;
 };
 
-class UdpPeer {
+class UdpPeer : public Script {
  public:
-  int stepTimeoutMs = 5000;
   // Binds address (network byte order; default 127.0.0.1) at port (0: any
   // free port).
   explicit UdpPeer(uint16_t port = 0, uint32_t address = loopback());
@@ -101,19 +107,13 @@ class UdpPeer {
   // Sends to the sender of the last datagram received.
   UdpPeer &reply(const std::string &bytes);
   UdpPeer &stall(int ms);
-  void start();
-  bool finish();
-  const std::string &failure() const { return failure_; }
   const std::vector<std::string> &received() const { return received_; }
 
  private:
-  std::vector<std::function<bool()>> steps_;
   std::vector<std::string> received_;
-  std::string failure_;
   int fd_ = -1;
-  uint16_t port_ = 0, lastPort_ = 0;
-  uint32_t lastAddress_ = 0;
-  std::thread thread_;
+  uint16_t port_ = 0;
+  sockaddr_in last_ = {};
 };
 
 }  // namespace kt

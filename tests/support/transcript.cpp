@@ -28,7 +28,8 @@ std::string unhex(const std::string &hex) {
   std::string out, digits;
   for (char c : hex)
     if (!isspace(static_cast<unsigned char>(c))) digits += c;
-  for (size_t i = 0; i + 1 < digits.size(); i += 2) out += static_cast<char>(strtol(digits.substr(i, 2).c_str(), nullptr, 16));
+  for (size_t i = 0; i + 1 < digits.size(); i += 2)
+    out += static_cast<char>(strtol(digits.substr(i, 2).c_str(), nullptr, 16));
   return out;
 }
 
