@@ -60,7 +60,7 @@ std::string smb(uint8_t command, std::vector<uint16_t> words, std::string bytes,
   return std::string{0, char(m.size() >> 16)} + be16(m.size() & 0xffff) + m;
 }
 std::string ok(uint8_t command, std::vector<uint16_t> words = {}) { return smb(command, words, ""); }
-std::string refusal(uint8_t command, uint8_t cls, uint16_t code) { return smb(command, {}, "", 0, 0, 0, cls, code); }
+std::string refusal(uint8_t cmd, uint8_t cls, uint16_t code) { return smb(cmd, {}, "", 0, 0, 0, cls, code); }
 
 // A node status reply with names (name, type) and a MAC.
 std::string statusReply(const std::vector<std::pair<std::string, int>> &names, const std::string &mac) {
@@ -92,6 +92,7 @@ Builder write(const std::string &data) {
 TEST(SmbWire, RequestsAgainstTheirCapacityAndByteCountFloors) {
   kelSMBCSession &s = *plainSession();
   s.readFid = 0x0c0d, s.readOffset = 0x01020304;
+  const std::string big(4448, 'x');
   struct Row { Builder builder; size_t capacity; std::string request; } rows[] = {
       {smb_makesessionrequest, 71, "refused"},
       {std::bind(smb_maketreeconnect, &s, _1, _2, ""), 46, "refused"},
@@ -99,10 +100,10 @@ TEST(SmbWire, RequestsAgainstTheirCapacityAndByteCountFloors) {
       {smb_maketreedisconnect, 39, smb(0x71, {}, "")},
       {smb_maketreedisconnect, 38, "refused"},
       {write(""), 4500, smb(0x0B, {0, 0, 0, 0, 0}, "\x01" + le16(0))},
-      {write(std::string(4449, 'x')), 4500, "refused"},
+      {write(big + "x"), 4500, "refused"},
       {[](uint8_t *b, int32_t c) { return smb_makewrite(b, c, "", 0xFFFFFFF0u); }, 4500, "refused"},
       {write("c"), 4500, smb(0x0B, {0, 1, 0, 0, 0}, "\x01" + le16(1) + "c")},
-      {write(std::string(4448, 'x')), 4500, smb(0x0B, {0, 4448, 1, 0, 0}, "\x01" + le16(4448) + rep("x", 4448))}};
+      {write(big), 4500, smb(0x0B, {0, 4448, 1, 0, 0}, "\x01" + le16(4448) + big)}};
   for (auto &row : rows) EXPECT_EQ(build(row.builder, row.capacity), row.request) << &row - rows;
   EXPECT_EQ(s.writeOffset, 4449u);
   uint8_t frame[4] = {9, 9, 9, 9};
@@ -182,14 +183,14 @@ TEST(NameService, NamesRepliesAndTheMacLine) {
   // First-level encoding: fill and cut at 15, the scope; the roads cover
   // ordinary names.
   char name[40];
-  EXPECT_EQ(std::string(nb_encodename(name, "abcdefghijklmnoXYZ", 0x61, 0x1b)), "EBECEDEEEFEGEHEIEJEKELEMENEOEPBL");
+  EXPECT_STREQ(nb_encodename(name, "abcdefghijklmnoXYZ", 0x61, 0x1b), "EBECEDEEEFEGEHEIEJEKELEMENEOEPBL");
   EXPECT_EQ(nb_encodename(name, "", 0x61, 0x1b), rep("GB", 15) + "BL");
   EXPECT_EQ(nb_encodefullname(name, "a", 0x20, 0, "ab.c"), 39);
   EXPECT_EQ(std::string(name + 33, name + 39), nul("\x02" "AB\x01" "C"));
   EXPECT_EQ(nb_makequery(reinterpret_cast<uint8_t *>(name), 0, 0, "a", 0x20, 0, "", 34), -1);
   // A name reply gives the address of its last entry, unless it is an error.
   for (auto [datagram, address] : std::initializer_list<std::pair<std::string, uint32_t>>{
-           {kt::unhex("07AC8503 00000000 0A000002"), 0}, {kt::unhex("07AC8508 00000000 0A000003"), 0x0A000003}}) {
+           {kt::unhex("07AC8503000000000A000002"), 0}, {kt::unhex("07AC8508000000000A000003"), 0x0A000003}}) {
     s.serverAddress = 0;
     nb_storenamereply(reinterpret_cast<const uint8_t *>(datagram.data()), int(datagram.size()));
     EXPECT_EQ(s.serverAddress, htonl(address)) << kt::printable(datagram);
@@ -220,15 +221,16 @@ struct Server {
   kt::UdpPeer udp;
   kt::TcpPeer tcp{SMB_PORT};
   explicit Server(uint32_t udpAddress = kt::loopback()) : udp(NB_PORT, udpAddress) {}
-  Server &x(const std::string &request, const std::string &reply) { return tcp.expect(request).send(reply), *this; }
+  Server &x(const std::string &ask, const std::string &reply) { return tcp.expect(ask).send(reply), *this; }
   // Node status naming SRV1, session request calling it from USER, negotiate, tree connect.
-  Server &connect(const std::string &treeReply = smb(0x70, {4096, 7}, "")) {
-    udp.expect(kStatusQuery).reply(statusReply({{"OLD", 0x20}, {"SRV1", 0}, {"SRV1", 0x20}}, "\x01\x1b\x2c\x3d\x4e\xff"));
+  Server &connect() {
+    const std::string mac = "\x01\x1b\x2c\x3d\x4e\xff";
+    udp.expect(kStatusQuery).reply(statusReply({{"OLD", 0x20}, {"SRV1", 0}, {"SRV1", 0x20}}, mac));
     return x(kt::unhex("81000044") + nul(" FDFCFGDB" + rep("CA", 12)) + nul(" FFFDEFFC" + rep("CA", 11) + "AA"),
              kt::unhex("82000000"))
         .x(kt::unhex("0000003B FF534D42 72" + rep("00", 19) + "FFFF0100 00000100 00180002") +
                nul("PC NETWORK PROGRAM 1.0"), ok(0x72, {0}))
-        .x(smb(0x70, {}, str("\\\\127.0.0.1\\share") + str("pw") + str("A:"), 0), treeReply);
+        .x(smb(0x70, {}, str("\\\\127.0.0.1\\share") + str("pw") + str("A:"), 0), ok(0x70, {4096, 7}));
   }
   Server &end() { return x(smb(0x71, {}, ""), ok(0x71)).x(smb(0x74, {0xff, 0}, ""), ok(0x74)); }
   Server &start() { return udp.start(), tcp.start(), *this; }
@@ -257,7 +259,9 @@ class Road : public kt::PoolGuard {
     int fd = dup(0);
     return close(fd), fd;
   }
-  kelResult start(const char *directory = "\\") { return file.directory = directory, kelSMBCStart(&record, &s, &file); }
+  kelResult start(const char *directory = "\\") {
+    return file.directory = directory, kelSMBCStart(&record, &s, &file);
+  }
   int descriptor = 0;
   kelSMBCServerRecord record{"127.0.0.1\\share", "user", "pw"};
   kelSMBCFileRecord file{"\\", "d\\f.txt", "smb_test_sink"};
@@ -277,7 +281,9 @@ TEST_F(Road, OneSessionAlongEveryRoad) {
   const std::string up = bytesOf(9000), down = bytesOf(5000), create = smb(0x03, {0, 0xffff, 0xffff}, kFile),
                     open = smb(0x02, {0, 0}, kFile);
   auto ask = [](uint16_t at) { return smb(0x0A, {0x2b, 4096, at, 0, 0}, ""); };
-  auto got = [&](uint16_t at, uint16_t n) { return smb(0x0A, {n, 0, 0, 0, 0}, "\x01" + le16(n) + down.substr(at, n)); };
+  auto got = [&](uint16_t at, uint16_t n) {
+    return smb(0x0A, {n, 0, 0, 0, 0}, "\x01" + le16(n) + down.substr(at, n));
+  };
   Server srv;
   srv.connect().x(kRoot, ok(0x10)).x(create, ok(0x03, {0x2a}));
   for (uint16_t at : {0, 4038, 8076}) {
