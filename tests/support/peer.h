@@ -81,15 +81,17 @@ class TcpPeer : public Script {
   std::string var(const std::string &name) const { return get(vars_, name); }
   void setVar(const std::string &name, const std::string &value) { vars_[name] = value; }
 
+  // For steps of their own: the socket of conn (-1 if none), and one receive
+  // of at most max bytes on conn appended to out (false on time-out, error or
+  // the client's close).
+  int fd(const std::string &conn) const { return fds_.count(conn) ? fds_.at(conn) : -1; }
+  bool readSome(const std::string &conn, std::string &out, size_t max);
+
  private:
   static std::string get(const std::map<std::string, std::string> &m, const std::string &key) {
     return m.count(key) ? m.at(key) : "";
   }
   std::string expand(const std::string &text) const;
-  int fd(const std::string &conn) const { return fds_.count(conn) ? fds_.at(conn) : -1; }
-  // One receive of at most max bytes on conn, appended to out; false on
-  // time-out, error or the client's close.
-  bool readSome(const std::string &conn, std::string &out, size_t max);
   std::map<std::string, int> fds_;
   std::map<std::string, std::string> received_, vars_;
   uint16_t port_ = 0;
