@@ -32,7 +32,7 @@ namespace {
 #define MESSAGE DATA "C- \\r\\n--" B "\\r\\nContent-Type: text/plain; charset=\\\"utf-8\\\"\\r\\n"        \
   "Content-Transfer-Encoding: 8bit\\r\\n\\r\\nHi\\r\\n\nC- \\r\\n--" B "--\\r\\n\\r\\n.\\r\\n\n"
 #define SENT MESSAGE "S: 250 queued\nC: QUIT\nS: 221 bye\neof"
-#define X64 "XXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXX"
+#define X50 "XXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXX"
 
 const kelMAILSmtpRequest kRequest = {"a@kel.test;;b@kel.test;", "c@kel.test", ";d@kel.test", "Subject line"};
 
@@ -82,9 +82,9 @@ const Road kRoads[] = {
     {"EhloRefusedLate", true, "S: 220 x\nC: EHLO kel-device\nS: 250-kel.test\nS: 421 going\neof",
      KEL_MAIL_ERR_REPLY},
     {"AuthWithoutUser", true, EHLO("PLAIN") "eof", KEL_MAIL_ERR_REPLY, ""},
-    // Names are case-sensitive; a name beyond 255 bytes of the line is lost.
+    // Names are case-sensitive; a name that ends one byte beyond 255 of the line is lost.
     {"LowerCaseNames", true, EHLO("cram-md5 plain login digest-md5") "eof", KEL_MAIL_ERR_UNSUPPORTED},
-    {"NameBehindTheLimit", true, EHLO(X64 X64 X64 X64 " PLAIN") "eof", KEL_MAIL_ERR_UNSUPPORTED},
+    {"NameBehindTheLimit", true, EHLO(X50 X50 X50 X50 X50 " PLAIN") "eof", KEL_MAIL_ERR_UNSUPPORTED},
     {"CramMd5Refused", true, EHLO("CRAM-MD5") "C: AUTH CRAM-MD5\nS: 504 no\neof", KEL_MAIL_ERR_REPLY},
     {"CramMd5WrongPassword", true, EHLO("CRAM-MD5") "C: AUTH CRAM-MD5\nS: 334 VXNlcm5hbWU6\n"
      "C: a2VsIDQ5MGMzZGJiZDcwN2JkZTk0ZWViY2RjNTFkZjk2YzNj\nS: 535 no\neof", KEL_MAIL_ERR_REPLY},
