@@ -29,7 +29,7 @@ struct Road {
   Port port;
   bool ehlo;
   kelResult result = KEL_OK;
-  const char *to = "to@kel.test", *password = nullptr;  // null: the right one
+  const char *password = nullptr, *to = "to@kel.test";  // null: the right password
 };
 
 // Wrong passwords come last: Dovecot slows down the logins after a failed one.
@@ -37,12 +37,12 @@ const Road kRoads[] = {
     {"Helo", kNoAuth, false},   {"EhloWithoutAuth", kNoAuth, true}, {"AllFour", kAllFour, true},
     {"CramMd5", kCramMd5, true}, {"Plain", kPlain, true},            {"Login", kLogin, true},
     {"DigestMd5", kDigestMd5, true},
-    {"RecipientRefused", kNoAuth, true, KEL_MAIL_ERR_REPLY, "to@kel.test;nobody@kel.test"},
+    {"RecipientRefused", kNoAuth, true, KEL_MAIL_ERR_REPLY, nullptr, "to@kel.test;nobody@kel.test"},
     {"Greeting5xx", kGreet5xx, true, KEL_MAIL_ERR_REPLY}, {"Greeting4xx", kGreet4xx, true, KEL_MAIL_ERR_REPLY},
-    {"WrongCramMd5", kCramMd5, true, KEL_MAIL_ERR_REPLY, "to@kel.test", "wrong"},
-    {"WrongPlain", kPlain, true, KEL_MAIL_ERR_REPLY, "to@kel.test", "wrong"},
-    {"WrongLogin", kLogin, true, KEL_MAIL_ERR_REPLY, "to@kel.test", "wrong"},
-    {"WrongDigestMd5", kDigestMd5, true, KEL_MAIL_ERR_REPLY, "to@kel.test", "wrong"},
+    {"WrongCramMd5", kCramMd5, true, KEL_MAIL_ERR_REPLY, "wrong"},
+    {"WrongPlain", kPlain, true, KEL_MAIL_ERR_REPLY, "wrong"},
+    {"WrongLogin", kLogin, true, KEL_MAIL_ERR_REPLY, "wrong"},
+    {"WrongDigestMd5", kDigestMd5, true, KEL_MAIL_ERR_REPLY, "wrong"},
 };
 
 // Waits for the one message of box and fetches it with LF line ends, deleting it.
