@@ -65,6 +65,12 @@ const Road kRoads[] = {
      "AwMDAwMDEsY25vbmNlPSJibTl5ZEdoeGRXRnljbmsxWmpWbE1UQXdNQT09IixkaWdlc3QtdXJpPSJzbXRwLzEyNy4w"
      "LjAuMSIscmVzcG9uc2U9MzdiYWM2MTIxM2JhNGE2MzhhYjJiNTJmYzQxZDNjOTgscW9wPSJhdXRoIg==\n"
      "S: 334 cnNwYXV0aD0wMTIz\nC: \nS: 235 ok\n" SENT},
+    // realm="r",nonce="n",qop="auth", and success without a rspauth step.
+    {"DigestMd5WithoutRspauth", true, EHLO("DIGEST-MD5") "C: AUTH DIGEST-MD5\n"
+     "S: 334 cmVhbG09InIiLG5vbmNlPSJuIixxb3A9ImF1dGgi\n"
+     "C: Y2hhcnNldD11dGYtOCx1c2VybmFtZT0ia2VsIixyZWFsbT0iciIsbm9uY2U9Im4iLG5jPTAwMDAwMDAxLGNub25jZT0iYm05"
+     "eWRHaHhkV0Z5Y25rMVpqVmxNVEF3TUE9PSIsZGlnZXN0LXVyaT0ic210cC8xMjcuMC4wLjEiLHJlc3BvbnNlPWY0ZGZkZjMxNmFh"
+     "MTdmNGUxYWI3MjJjODhjOWQ1ZDBlLHFvcD0iYXV0aCI=\nS: 235 ok\n" SENT},
     // Abort sends nothing; a refused message gets no QUIT, a refused QUIT fails the end.
     {"Abort", false, HELO DATA "eof", KEL_OK, "kel", true},
     {"MessageRefused", false, HELO MESSAGE "S: 554 rejected\neof", KEL_MAIL_ERR_REPLY},
