@@ -1,0 +1,192 @@
+/* tarvikel smb put|get|rm: one file on a share through the SMB application
+ * calls (core dialect over NetBIOS, share password, no user logon). */
+#define _GNU_SOURCE
+#include <fcntl.h>
+#include <getopt.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "cmd.h"
+#include "kelsmbc.h"
+
+#define BLOCK 32768
+#define F TK_FAMILY_SMB
+
+static const char kHelp[] =
+    "Usage: tarvikel smb put LOCAL [REMOTE]\n"
+    "       tarvikel smb get REMOTE [LOCAL]\n"
+    "       tarvikel smb rm REMOTE\n"
+    "Stores, fetches or deletes one file on an SMB share (core dialect,\n"
+    "NetBIOS on ports 137 and 139). SMB_SERVER is \\\\HOST\\SHARE[\\DIR] (or\n"
+    "with '/'); HOST is an address or a NetBIOS name. REMOTE is a path below\n"
+    "it, 'dir/name' or 'dir\\name'; it defaults to LOCAL's name, and LOCAL to\n"
+    "REMOTE's. A failed fetch removes the local file; a failed store removes\n"
+    "the remote one. The library's name lookup line (MAC: ...) shows with -v.\n"
+    "\n"
+    "  -s, --server UNC       SMB_SERVER\n"
+    "  -n, --name NAME        SMB_NAME, the calling NetBIOS name (TARVIKEL)\n"
+    "  -p, --password TEXT    SMB_PASSWORD, the share password\n"
+    "\n" TK_COMMON_HELP;
+
+static int option(int c, const char *argument) {
+  switch (c) {
+    case 's': return tk_set("SMB_SERVER", argument, "--server");
+    case 'n': return tk_set("SMB_NAME", argument, "--name");
+    case 'p': return tk_set("SMB_PASSWORD", argument, "--password");
+  }
+  return TK_USAGE;
+}
+
+static void backslashes(char *text) {
+  for (; *text; text++)
+    if (*text == '/') *text = '\\';
+}
+
+/* The folders of the UNC path after host and share, as "\d1\d2\": the
+ * prefix that the library puts before a file of the share. */
+static void folders(const char *unc, char *out, size_t size) {
+  const char *at = unc + strspn(unc, "\\");
+  int skip = 2;
+  snprintf(out, size, "\\");
+  while (*at) {
+    size_t length = strcspn(at, "\\");
+    if (length > 0 && skip-- <= 0 && strlen(out) + length + 2 < size) {
+      strncat(out, at, length);
+      strcat(out, "\\");
+    }
+    at += length + strspn(at + length, "\\");
+  }
+}
+
+static int put(kelSMBCSession *s, const kelSMBCFileRecord *file, FILE *in, uint64_t size) {
+  static unsigned char block[BLOCK];
+  struct tk_progress bar;
+  kelResult r = tk_step(kelSMBCWriteOpen(s, file), F, "kelSMBCWriteOpen(\"%s\")", file->file);
+  if (r != KEL_OK) return tk_failed(r, F);
+  unsigned long calls = 0;
+  uint64_t total = 0;
+  size_t n;
+  tk_progress_start(&bar, file->file, size);
+  while (r == KEL_OK && (n = fread(block, 1, sizeof block, in)) > 0) {
+    r = tk_data(kelSMBCWrite(s, block, (uint32_t)n), F, "kelSMBCWrite", n);
+    calls++;
+    total += n;
+    tk_progress_add(&bar, n);
+  }
+  tk_progress_end(&bar);
+  tk_data_total(r, F, "kelSMBCWrite", calls, total);
+  if (r != KEL_OK) return tk_failed(r, F);
+  if (ferror(in)) return tk_error(TK_LOCAL, "the local file can't be read");
+  r = tk_step(kelSMBCWriteClose(s), F, "kelSMBCWriteClose()");
+  return r == KEL_OK ? TK_OK : tk_failed(r, F);
+}
+
+/* The device's download: data requests of 4096 bytes, each stored in the
+ * local sink that kelSMBCReadOpen opened. */
+static int gSinkOpened; /* a failed download removes only a file it made */
+
+static int get(kelSMBCSession *s, const kelSMBCFileRecord *file) {
+  static unsigned char block[4096];
+  struct tk_progress bar;
+  kelResult r = tk_step(kelSMBCReadOpen(s, file), F, "kelSMBCReadOpen(\"%s\", \"%s\")",
+                        file->file, file->localFile);
+  if (r != KEL_OK) return tk_failed(r, F);
+  gSinkOpened = 1;
+  unsigned long calls = 0;
+  uint64_t total = 0;
+  tk_progress_start(&bar, file->file, s->fileSize);
+  for (;;) {
+    r = kelSMBCprotoGetData(s, block, sizeof block);
+    tk_data(r, F, "kelSMBCprotoGetData", s->dataLength);
+    if (r != KEL_OK || s->dataLength == 0) break;
+    r = tk_data(kelSMBCRead(s, block, s->dataLength), F, "kelSMBCRead", s->dataLength);
+    if (r != KEL_OK) break;
+    calls++;
+    total += s->dataLength;
+    tk_progress_add(&bar, s->dataLength);
+  }
+  tk_progress_end(&bar);
+  tk_data_total(r, F, "kelSMBCprotoGetData and kelSMBCRead", calls, total);
+  if (r == KEL_OK) r = tk_step(kelSMBCReadClose(s), F, "kelSMBCReadClose()");
+  return r == KEL_OK ? TK_OK : tk_failed(r, F);
+}
+
+int tk_smb(int argc, char **argv) {
+  static const struct option options[] = {TK_COMMON_OPTIONS,
+                                          {"server", required_argument, 0, 's'},
+                                          {"name", required_argument, 0, 'n'},
+                                          {"password", required_argument, 0, 'p'},
+                                          {0, 0, 0, 0}};
+  int status = tk_parse(argc, argv, TK_COMMON_SHORT "s:n:p:", options, kHelp, option);
+  if (status != TK_GO_ON) return status;
+  const char *action = optind < argc ? argv[optind] : "";
+  char **operand = argv + optind + 1;
+  int operands = argc - optind - 1;
+  int isPut = strcmp(action, "put") == 0, isGet = strcmp(action, "get") == 0;
+  if (!isPut && !isGet && strcmp(action, "rm") != 0)
+    return tk_usage("put, get or rm, not '%s'", action);
+  tk_command = isPut ? "smb put" : isGet ? "smb get" : "smb rm";
+  if (operands < 1 || operands > (isPut || isGet ? 2 : 1))
+    return tk_usage("wrong number of operands");
+  char remote[KEL_SMBC_NAME_SIZE], server[256], path[512];
+  const char *local = isGet ? (operands > 1 ? operand[1] : tk_basename(operand[0])) : operand[0];
+  snprintf(remote, sizeof remote, "%s",
+           isPut ? (operands > 1 ? operand[1] : tk_basename(operand[0])) : operand[0]);
+  backslashes(remote);
+  if ((status = tk_settings_load()) != TK_OK) return status;
+  if ((status = tk_require("SMB_SERVER", "--server")) != TK_OK) return status;
+  snprintf(server, sizeof server, "%s", tk_get("SMB_SERVER"));
+  backslashes(server);
+
+  FILE *in = NULL;
+  uint64_t size = 0;
+  if (isPut) {
+    struct stat info;
+    in = strcmp(local, "-") == 0 ? stdin : fopen(local, "rb");
+    if (in == NULL) return tk_error(TK_LOCAL, "%s can't be read", local);
+    if (fstat(fileno(in), &info) == 0 && S_ISREG(info.st_mode)) size = (uint64_t)info.st_size;
+  } else if (isGet && strcmp(local, "-") == 0) {
+    return tk_usage("an SMB download goes to a file, not '-'");
+  }
+  kelSMBCServerRecord record = {server, tk_get("SMB_NAME"), tk_get("SMB_PASSWORD")};
+  kelSMBCFileRecord file = {"\\", remote, local};
+  kelSMBCSession *session = NULL;
+  /* The name service exchange prints a line on standard output: to standard
+   * error with -v, else nowhere, so that the command stays quiet. */
+  fflush(stdout);
+  int saved = dup(1), sink = tk_verbose > 0 ? dup(2) : open("/dev/null", O_WRONLY);
+  if (saved >= 0 && sink >= 0) dup2(sink, 1);
+  kelResult r = kelSMBCStart(&record, &session, &file);
+  fflush(stdout);
+  if (saved >= 0 && sink >= 0) dup2(saved, 1);
+  if (saved >= 0) close(saved);
+  if (sink >= 0) close(sink);
+  tk_step(r, F, "kelSMBCStart(\"%s\", name \"%s\")", record.server, record.user);
+  if (r != KEL_OK) {
+    status = tk_failed(r, F);
+  } else {
+    if (isPut) {
+      status = put(session, &file, in, size);
+    } else if (isGet) {
+      status = get(session, &file);
+    } else {
+      folders(server, path, sizeof path);
+      strncat(path, remote, sizeof path - strlen(path) - 1);
+      if ((r = tk_step(kelSMBCprotodelete(session, path), F, "kelSMBCprotodelete(\"%s\")", path)) !=
+          KEL_OK)
+        status = tk_failed(r, F);
+    }
+    /* The abort call deletes a half-stored file and closes the sink. */
+    if (status == TK_OK)
+      r = tk_step(kelSMBCEnd(session), F, "kelSMBCEnd()");
+    else
+      r = tk_step(kelSMBCAbortEnd(session), F, "kelSMBCAbortEnd()");
+    if (status == TK_OK && r != KEL_OK) status = tk_failed(r, F);
+  }
+  if (gSinkOpened && status != TK_OK) unlink(local);
+  if (in != NULL && in != stdin) fclose(in);
+  return status;
+}
