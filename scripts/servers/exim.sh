@@ -100,7 +100,8 @@ with() {
     pid=$! rc=0
     trap 'kill $pid; wait $pid' EXIT
     for i in $(seq 100); do
-        exec 3<>"/dev/tcp/127.0.0.1/$((port + 7))" 2>/dev/null && break
+        # In braces: a bare exec would keep 2>/dev/null for the command too.
+        { exec 3<>"/dev/tcp/127.0.0.1/$((port + 7))"; } 2>/dev/null && break
         kill -0 $pid 2>/dev/null || { say "exim exited: $(cat "$dir/exim/"*log "$dir/exim/daemon.out")"; exit 1; }
         sleep 0.05
     done

@@ -19,10 +19,16 @@ int tk_read_all(const char *path, unsigned char **data, size_t *size) {
   *data = malloc(capacity);
   while (*data != NULL && (n = fread(*data + *size, 1, capacity - *size, in)) > 0) {
     *size += n;
-    if (*size == capacity) *data = realloc(*data, capacity *= 2);
+    unsigned char *larger = *size < capacity ? *data : realloc(*data, capacity *= 2);
+    if (larger == NULL) free(*data);
+    *data = larger;
   }
   int failed = *data == NULL || ferror(in);
   if (in != stdin) fclose(in);
-  if (failed) return tk_error(TK_LOCAL, "%s can't be read", path);
+  if (failed) {
+    free(*data);
+    *data = NULL;
+    return tk_error(TK_LOCAL, "%s can't be read", path);
+  }
   return TK_OK;
 }

@@ -117,6 +117,31 @@ static kelResult part(kelMAILSession *s, const char *name, const unsigned char *
   return r;
 }
 
+/* The message from start to end; any failure after the start aborts. */
+static int send(const unsigned char *body, size_t bodySize, unsigned char *const *data,
+                const size_t *sizes, size_t total) {
+  const kelMAILSmtpRequest request = {gLists[0], gLists[1][0] ? gLists[1] : NULL,
+                                      gLists[2][0] ? gLists[2] : NULL, gSubject};
+  kelMAILSession *session = NULL;
+  kelResult r = tk_step(kelMAILStartSmtp(&request, &session), F,
+                        "kelMAILStartSmtp(to \"%s\", cc \"%s\", bcc \"%s\", subject \"%s\")",
+                        gLists[0], gLists[1], gLists[2], gSubject);
+  if (r != KEL_OK) return tk_failed(r, F); /* the library has closed and freed all */
+  struct tk_progress bar = {0};
+  if (bodySize > 0) r = part(session, NULL, body, bodySize, &bar);
+  if (gAttachmentCount > 0) tk_progress_start(&bar, "attachments", total);
+  for (int i = 0; i < gAttachmentCount && r == KEL_OK; i++)
+    r = part(session, tk_basename(gAttachments[i]), data[i], sizes[i], &bar);
+  tk_progress_end(&bar);
+  if (r != KEL_OK) {
+    int status = tk_failed(r, F);
+    tk_step(kelMAILAbortEndSmtp(session), F, "kelMAILAbortEndSmtp()");
+    return status;
+  }
+  r = tk_step(kelMAILEndSmtp(session), F, "kelMAILEndSmtp()");
+  return r == KEL_OK ? TK_OK : tk_failed(r, F);
+}
+
 int tk_mail(int argc, char **argv) {
   static const struct option options[] = {
       TK_COMMON_OPTIONS,
@@ -141,33 +166,16 @@ int tk_mail(int argc, char **argv) {
     return status;
 
   /* Every local file is read before the server is called. */
-  unsigned char *body = NULL, *data[256];
-  size_t bodySize = 0, sizes[256], total = 0;
-  if ((status = tk_read_all(gBody, &body, &bodySize)) != TK_OK) return status;
-  for (int i = 0; i < gAttachmentCount; i++) {
-    if ((status = tk_read_all(gAttachments[i], &data[i], &sizes[i])) != TK_OK) return status;
+  unsigned char *body = NULL, *data[256] = {0};
+  size_t bodySize = 0, sizes[256] = {0}, total = 0;
+  status = tk_read_all(gBody, &body, &bodySize);
+  for (int i = 0; i < gAttachmentCount && status == TK_OK; i++) {
+    status = tk_read_all(gAttachments[i], &data[i], &sizes[i]);
     total += sizes[i];
   }
-  if (bodySize > 0x7fffffff) return tk_error(TK_LOCAL, "the body is too large");
-
-  const kelMAILSmtpRequest request = {gLists[0], gLists[1][0] ? gLists[1] : NULL,
-                                      gLists[2][0] ? gLists[2] : NULL, gSubject};
-  kelMAILSession *session = NULL;
-  kelResult r = tk_step(kelMAILStartSmtp(&request, &session), F,
-                        "kelMAILStartSmtp(to \"%s\", cc \"%s\", bcc \"%s\", subject \"%s\")",
-                        gLists[0], gLists[1], gLists[2], gSubject);
-  if (r != KEL_OK) return tk_failed(r, F); /* the library has closed and freed all */
-  struct tk_progress bar = {0};
-  if (bodySize > 0) r = part(session, NULL, body, bodySize, &bar);
-  if (gAttachmentCount > 0) tk_progress_start(&bar, "attachments", total);
-  for (int i = 0; i < gAttachmentCount && r == KEL_OK; i++)
-    r = part(session, tk_basename(gAttachments[i]), data[i], sizes[i], &bar);
-  tk_progress_end(&bar);
-  if (r != KEL_OK) {
-    status = tk_failed(r, F);
-    tk_step(kelMAILAbortEndSmtp(session), F, "kelMAILAbortEndSmtp()");
-    return status;
-  }
-  r = tk_step(kelMAILEndSmtp(session), F, "kelMAILEndSmtp()");
-  return r == KEL_OK ? TK_OK : tk_failed(r, F);
+  if (status == TK_OK && bodySize > 0x7fffffff) status = tk_error(TK_LOCAL, "the body is too large");
+  if (status == TK_OK) status = send(body, bodySize, data, sizes, total);
+  free(body);
+  for (int i = 0; i < gAttachmentCount; i++) free(data[i]);
+  return status;
 }

@@ -114,6 +114,19 @@ static int get(kelSMBCSession *s, const kelSMBCFileRecord *file) {
   return r == KEL_OK ? TK_OK : tk_failed(r, F);
 }
 
+/* The delete request's reply tells nothing: an open before it tells
+ * whether the file is there, and an open after it whether it is gone. */
+static int removeFile(kelSMBCSession *s, const char *remote, const char *path) {
+  kelResult r = tk_step(kelSMBCprotoGetOpen(s, makepath, remote), F, "kelSMBCprotoGetOpen(\"%s\")", remote);
+  if (r == KEL_OK) r = tk_step(kelSMBCprotoGetClose(s), F, "kelSMBCprotoGetClose()");
+  if (r == KEL_OK) r = tk_step(kelSMBCprotodelete(s, path), F, "kelSMBCprotodelete(\"%s\")", path);
+  if (r != KEL_OK) return tk_failed(r, F);
+  r = tk_step(kelSMBCprotoGetOpen(s, makepath, remote), F, "kelSMBCprotoGetOpen(\"%s\")", remote);
+  if (r != KEL_OK) return TK_OK;
+  tk_step(kelSMBCprotoGetClose(s), F, "kelSMBCprotoGetClose()");
+  return tk_error(TK_REFUSED, "the SMB server kept %s: delete refused", remote);
+}
+
 int tk_smb(int argc, char **argv) {
   static const struct option options[] = {TK_COMMON_OPTIONS,
                                           {"server", required_argument, 0, 's'},
@@ -175,9 +188,7 @@ int tk_smb(int argc, char **argv) {
     } else {
       folders(server, path, sizeof path);
       strncat(path, remote, sizeof path - strlen(path) - 1);
-      if ((r = tk_step(kelSMBCprotodelete(session, path), F, "kelSMBCprotodelete(\"%s\")", path)) !=
-          KEL_OK)
-        status = tk_failed(r, F);
+      status = removeFile(session, remote, path);
     }
     /* The abort call deletes a half-stored file and closes the sink. */
     if (status == TK_OK)
