@@ -40,7 +40,7 @@ int tk_common_option(int option, const char *argument, const char *help) {
     case TK_OPT_VERSION: printf("tarvikel %s\n", TK_VERSION); return TK_OK;
     case '?':
     case ':':
-      fprintf(stderr, "Try 'tarvikel %s --help'.\n", tk_command);
+      fprintf(stderr, "Try 'tarvikel%s%s --help'.\n", *tk_command ? " " : "", tk_command);
       return TK_USAGE;
     default: return TK_NOT_COMMON;
   }
@@ -49,7 +49,7 @@ int tk_common_option(int option, const char *argument, const char *help) {
 int tk_parse(int argc, char **argv, const char *shortOptions, const struct option *options,
              const char *help, int (*handler)(int option, const char *argument)) {
   char name[64];
-  snprintf(name, sizeof name, "tarvikel %s", tk_command);
+  snprintf(name, sizeof name, "tarvikel%s%s", *tk_command ? " " : "", tk_command);
   argv[0] = name; /* getopt's own messages name the subcommand */
   optind = 0;
   int option;

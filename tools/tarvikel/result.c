@@ -168,7 +168,7 @@ int tk_usage(const char *format, ...) {
   va_start(args, format);
   vsay(format, args);
   va_end(args);
-  fprintf(stderr, "Try 'tarvikel %s --help'.\n", *tk_command ? tk_command : "");
+  fprintf(stderr, "Try 'tarvikel%s%s --help'.\n", *tk_command ? " " : "", tk_command);
   return TK_USAGE;
 }
 
