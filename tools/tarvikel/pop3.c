@@ -117,7 +117,7 @@ int tk_pop3(int argc, char **argv) {
   kelResult r = tk_step(kelMAILConnectPop3Server(&socket), F, "kelMAILConnectPop3Server(\"%s\")",
                         tk_get("POP3_SERVER"));
   if (r == KEL_OK) {
-    if (atoi(tk_get("POP3_USE_APOP")) != 0)
+    if (strtoul(tk_get("POP3_USE_APOP"), NULL, 0) != 0)
       r = tk_step(kelMAILLoginPop3ServerByAPOP(socket), F, "kelMAILLoginPop3ServerByAPOP(\"%s\")",
                   tk_get("POP3_USER"));
     else

@@ -128,6 +128,11 @@ static int toStatusService(void) {
   int fd = mkstemp(path);
   if (fd < 0) return tk_error(TK_LOCAL, "no temporary file in %s", path);
   FILE *out = fdopen(fd, "w");
+  if (out == NULL) {
+    close(fd);
+    unlink(path);
+    return tk_error(TK_LOCAL, "no temporary file in %s", path);
+  }
   size_t *rows = calloc(gCount + 1, sizeof *rows), lines = 0, i;
   int status = TK_OK;
   for (i = 0; i < gCount && status == TK_OK; i++) {

@@ -144,14 +144,19 @@ int tk_smb(int argc, char **argv) {
   tk_command = isPut ? "smb put" : isGet ? "smb get" : "smb rm";
   if (operands < 1 || operands > (isPut || isGet ? 2 : 1))
     return tk_usage("wrong number of operands");
+  if (isPut && strcmp(operand[0], "-") == 0 && operands < 2)
+    return tk_usage("standard input needs a REMOTE name");
   char remote[KEL_SMBC_NAME_SIZE], server[256], path[512];
   const char *local = isGet ? (operands > 1 ? operand[1] : tk_basename(operand[0])) : operand[0];
-  snprintf(remote, sizeof remote, "%s",
-           isPut ? (operands > 1 ? operand[1] : tk_basename(operand[0])) : operand[0]);
+  if (snprintf(remote, sizeof remote, "%s",
+               isPut ? (operands > 1 ? operand[1] : tk_basename(operand[0])) : operand[0]) >=
+      (int)sizeof remote)
+    return tk_usage("REMOTE is longer than %d bytes", (int)sizeof remote - 1);
   backslashes(remote);
   if ((status = tk_settings_load()) != TK_OK) return status;
   if ((status = tk_require("SMB_SERVER", "--server")) != TK_OK) return status;
-  snprintf(server, sizeof server, "%s", tk_get("SMB_SERVER"));
+  if (snprintf(server, sizeof server, "%s", tk_get("SMB_SERVER")) > 253)
+    return tk_error(TK_SETTING, "SMB_SERVER is longer than 253 bytes");
   backslashes(server);
 
   FILE *in = NULL;
