@@ -30,8 +30,9 @@ date)
   run - 0 '02/Jan/1970' --no-settings date --set DATE_FORM=0x21 123456
   run - 2 'KEL_TIME_ERR_OPTIONS' --no-settings date -o hyphen,space
   run - 2 "unknown option 'fancy'" --no-settings date -o seconds,fancy
-  run - 3 'DATE_FORM' --no-settings date --set DATE_FORM=0x33
-  run - 3 "NOSUCH = '1' (--set)" --no-settings date --set NOSUCH=1 ;;
+  run - 3 "NOSUCH = '1' (--set)" --no-settings date --set NOSUCH=1
+  codes=$("${cmd[@]}" codes)  # a row for every result code of the public headers
+  for n in $(grep -hoE '^#define KEL_\w+ +(\(\(kelResult\))?0x[0-9a-fA-F]{8}u' "$(dirname "$0")"/../../include/*.h | cut -d' ' -f2); do [[ $codes == *" $n "* ]] || fail "no row for $n"; done ;;
 ftp)
   mkdir -m 777 "$KEL_FTP_ROOT/in"
   f=(--no-settings ftp --server "$KEL_FTP_HOST" --user "$KEL_FTP_USER" --password "$KEL_FTP_PASS")
