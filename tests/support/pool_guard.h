@@ -10,20 +10,16 @@ namespace kt {
 
 class PoolGuard : public ::testing::Test {
  protected:
+  static std::pair<size_t, size_t> inUse() { return {kelHostPoolBlocksInUse(), kelHostPoolBytesInUse()}; }
   void SetUp() override {
     kelHostPoolFailAt(0);
-    blocksBefore_ = kelHostPoolBlocksInUse();
-    bytesBefore_ = kelHostPoolBytesInUse();
+    before_ = inUse();
   }
   void TearDown() override {
     kelHostPoolFailAt(0);
-    EXPECT_EQ(kelHostPoolBlocksInUse(), blocksBefore_) << "blocks leaked";
-    EXPECT_EQ(kelHostPoolBytesInUse(), bytesBefore_) << "bytes leaked";
+    EXPECT_EQ(inUse(), before_) << "blocks and bytes of the pool leaked";
   }
-
- private:
-  size_t blocksBefore_ = 0;
-  size_t bytesBefore_ = 0;
+  std::pair<size_t, size_t> before_;
 };
 
 }  // namespace kt
