@@ -1,7 +1,6 @@
 /* Every public header compiles as C99, together, and a C program links the
  * shared library: calls with arguments they refuse at once, and the exported
  * variables of the families without such a call. */
-#include "kelbase.h"
 #include "kelnet.h"
 #include "kelftpc.h"
 #include "keltime.h"

@@ -31,10 +31,8 @@
 #include <sys/socket.h>
 
 #include <map>
-#include <memory>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -59,29 +57,24 @@ const std::map<std::string, kelResult> kResults = {
     {"full", KEL_FTPC_NO_STORAGE}, {"login", KEL_FTPC_BAD_LOGIN}, {"pass", KEL_FTPC_NEED_PASSWORD},
     {"dele", KEL_FTPC_DELETE_FAILED}, {"odd", KEL_FTPC_BAD_REPLY}, {"active", KEL_FTPC_ALREADY_ACTIVE},
     {"notclosed", KEL_FTPC_NOT_CLOSED}, {"wrong", KEL_FTPC_WRONG_TRANSFER}, {"iofail", KEL_FTPC_IO_FAILED},
-    {"timeout", KEL_FTPC_IO_TIMEOUT}, {"connfail", KEL_FTPC_CONNECT_FAILED}, {"session", KEL_FTPC_BAD_SESSION}};
-
-std::vector<std::string> split(const std::string &text, char by) {
-  std::vector<std::string> parts(1);
-  for (char c : text) c == by ? parts.push_back("") : parts.back().push_back(c);
-  return parts;
-}
+    {"connfail", KEL_FTPC_CONNECT_FAILED}};
 
 void script(kt::TcpPeer &p, const std::string &text) {
   p.stepTimeoutMs = 3000;
-  for (std::string line : split(text, '|')) {
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line, '|');) {
     std::string word, conn;
     std::istringstream(line) >> word >> conn;
     if (word == "login") line = "S: 220 ready\nC: USER u\nS: 230 in\nC: PWD\nS: 257 \"/home\" is current";
-    if (word == "pasv")
-      line = "C: PASV\nlisten " + conn + "L\nS: 227 Entering Passive Mode (127,0,0,1,${" + conn + "L.p1},${" +
-             conn + "L.p2}).\naccept " + conn + "L " + conn;
-    if (word[0] == '<' || word[0] == '>') line = (word[0] == '<' ? "S: " : "C: ") + line.substr(1);
-    if (word == "port") {
-      kt::play(p, "C: PASV\nS: 502 not here").expectLine("PORT 127,0,0,1,(\\d+,\\d+)\r\n", {conn + ".port"});
-    } else {
-      kt::play(p, line);
+    if (word == "pasv") {
+      uint16_t port = p.listen(conn + "L");
+      line = "C: PASV\nS: 227 Entering Passive Mode (127,0,0,1," + std::to_string(port >> 8) + "," +
+             std::to_string(port & 0xff) + ").\naccept " + conn + "L " + conn;
     }
+    if (word[0] == '<' || word[0] == '>') line = (word[0] == '<' ? "S: " : "C: ") + line.substr(1);
+    if (word == "port") line = "C: PASV\nS: 502 not here";
+    kt::play(p, line);
+    if (word == "port") p.expectLine("PORT 127,0,0,1,(\\d+,\\d+)\r\n", {conn + ".port"});
   }
 }
 
@@ -95,8 +88,7 @@ bool call(kelFTPCSession *s, const std::string &item) {
   x = x == "-" ? "" : kt::unescape(x);
   y = y == "-" ? "" : kt::unescape(y);
   std::map<std::string, std::string> state = {
-      {"flags", std::to_string(s->flags)},
-      {"sep", std::string(1, s->pathSeparator)},
+      {"flags", std::to_string(s->flags)}, {"sep", std::string(1, s->pathSeparator)},
       {"sockets", {"01"[s->controlSocket != -1], "01"[s->dataSocket != -1], "01"[s->listenSocket != -1]}},
       {"names", std::string(s->transferDirectory, strnlen(s->transferDirectory, 128)) + "," +
                     std::string(s->transferFile, strnlen(s->transferFile, 128))}};
@@ -150,32 +142,21 @@ bool call(kelFTPCSession *s, const std::string &item) {
   return op == "abort" || op == "end";
 }
 
-class Ftp : public kt::PoolGuard {
- protected:
-  // Starts a fresh peer on the server's text (none when empty) and opens a
-  // session to it, not yet connected.
-  kelFTPCSession *open(const std::string &server, int timeoutMs = kWaitMs) {
-    peer_.reset(new kt::TcpPeer);
-    script(*peer_, server);
-    if (!server.empty()) peer_->start();
-    return kelFTPCProtoOpen(peer_->port(), timeoutMs);
-  }
-  // Closes the session; the script must have passed.
-  void done(kelFTPCSession *s) {
-    if (s) {
-      EXPECT_EQ(kelFTPCProtoClose(s), KEL_OK);
-    }
-    EXPECT_TRUE(peer_->finish()) << peer_->failure();
-  }
-  // A case: the calls against the server, then the close.
-  void run(const std::string &server, const std::string &calls, int timeoutMs = kWaitMs) {
-    kelFTPCSession *s = open(server, timeoutMs);
-    for (const std::string &item : split(calls, '|'))
-      if (call(s, item)) s = nullptr;
-    done(s);
-  }
-  std::unique_ptr<kt::TcpPeer> peer_;
-};
+using Ftp = kt::PoolGuard;
+
+// A case: a fresh peer on the server's text (none when empty), a session to
+// it, the calls, then the close; the script must have passed.
+void run(const std::string &server, const std::string &calls, int timeoutMs = kWaitMs) {
+  kt::TcpPeer peer;
+  script(peer, server);
+  if (!server.empty()) peer.start();
+  kelFTPCSession *s = kelFTPCProtoOpen(peer.port(), timeoutMs);
+  std::istringstream items(calls);
+  for (std::string item; std::getline(items, item, '|');)
+    if (call(s, item)) s = nullptr;
+  EXPECT_EQ(s ? kelFTPCProtoClose(s) : KEL_OK, KEL_OK);
+  EXPECT_TRUE(peer.finish()) << peer.failure();
+}
 
 // All replies arrive at once; each read takes one whole reply and nothing of
 // the next, and leaves its last line in the line buffer. A line longer than
@@ -185,11 +166,8 @@ TEST_F(Ftp, ReaderTakesOneWholeReplyAtATime) {
   while (long600.size() < 600) long600 += static_cast<char>('a' + long600.size() % 26);
   const struct { std::string bytes, last; uint16_t code; } cases[] = {
       {"211-first\r\n211x no end\r\n 211 nor\r\n230 nor\r\n211 end\r\n", "211 end", 211},
-      {"226\r\n226 after the code alone\r\n", "226 after the code alone", 226},
-      {"1234 first\r\n123 last\r\n", "123 last", 1234},
       {"-12 negative\r\n", "-12 negative", 65524},
       {"230 ended by LF alone\n", "230 ended by LF alone", 230},
-      {"250 a\rb\r\n", "250 a\rb", 250},
       {"200-\n\n200 after an empty line\r\n", "200 after an empty line", 200},
       {long600.substr(0, 510) + "\r\n", long600.substr(0, 510), 257},
       // The CR lands on byte 511, the LF on byte 256 behind the kept 255.
@@ -198,7 +176,9 @@ TEST_F(Ftp, ReaderTakesOneWholeReplyAtATime) {
   };
   std::string all;
   for (const auto &c : cases) all += c.bytes;
-  kelFTPCSession *s = open("S- " + kt::printable(all));
+  kt::TcpPeer peer;
+  kt::play(peer, "S- " + kt::printable(all)).start();
+  kelFTPCSession *s = kelFTPCProtoOpen(peer.port(), kWaitMs);
   call(s, "attach");
   for (const auto &c : cases) {
     uint16_t code = 0;
@@ -206,121 +186,74 @@ TEST_F(Ftp, ReaderTakesOneWholeReplyAtATime) {
     EXPECT_EQ(code, c.code);
     EXPECT_EQ(std::string(s->line), c.last);
   }
-  done(s);
-}
-
-// A failed first line is a bad reply, a failed later line the reader's own
-// code. A time-out tears every connection down; the peer's close doesn't.
-TEST_F(Ftp, ReaderFailures) {
-  for (std::string road : {"", "S: 220-more\nS: 220", "S: 220-more\nclose"}) {
-    kelFTPCSession *s = open(road, kShortMs);
-    call(s, "attach");
-    kelFTPCSetState(s, kReady | KEL_FTPC_TRANSFER);
-    kelFTPCOpenSocket(&s->dataSocket);
-    kelFTPCOpenSocket(&s->listenSocket);
-    bool closed = road.find("close") != std::string::npos;
-    EXPECT_EQ(kelFTPCReceiveResponse(s, nullptr),
-              road.empty() ? KEL_FTPC_BAD_REPLY : closed ? KEL_FTPC_IO_FAILED : KEL_FTPC_IO_TIMEOUT) << road;
-    EXPECT_EQ(s->flags, closed ? kReady | KEL_FTPC_TRANSFER : KEL_FTPC_LOGGED_IN) << road;
-    EXPECT_EQ((s->controlSocket != -1) + (s->dataSocket != -1) + (s->listenSocket != -1), closed ? 3 : 0);
-    s->flags = 0;  // no QUIT
-    done(s);
-  }
+  EXPECT_EQ(kelFTPCProtoClose(s), KEL_OK);
+  EXPECT_TRUE(peer.finish()) << peer.failure();
 }
 
 // The login road with the result, the flags and the separator it leaves;
 // the close after it sends QUIT exactly when logged in and still connected.
+// A logged-in session refuses another connect; one that a refused greeting
+// left with flags 0 connects again.
 TEST_F(Ftp, LoginRoads) {
   const std::string hi = "<220 hi|>USER u|", in = hi + "<230 in|>PWD|<", bye = "|>QUIT|<221 bye|eof";
   const std::pair<std::string, const char *> cases[] = {
-      {hi + "<331 pw|>PASS p|<230 in|>PWD|<257 \"/home\" here" + bye, "connect|flags=3|sep=/"},
-      {"<220-Hi|<220x no end|< 220 nor|<220 ready|>USER u|<230 in|>PWD|<257 \"C:\\\\ftp\"" + bye, "connect|sep=\\"},
+      {hi + "<331 pw|>PASS p|<230 in|>PWD|<257 \"/home\" here" + bye, "connect|flags=3|sep=/|connect=active"},
       {in + "500 no|>XPWD|<257 \"a\\\\b/c\"" + bye, "connect|sep=/"},
-      {in + "257 \"home\"" + bye, "connect=odd"},
-      {in + "257 \"/home" + bye, "connect=odd"},
       // Only the text between the quotes counts, all of its 128 bytes.
       {in + "257 \"b.c\" in /" + bye, "connect|sep=."},
       {in + "257 \"" + std::string(127, 'a') + "/\"" + bye, "connect|sep=/"},
-      {hi + "<331 pw|>PASS p|<530 no|eof", "connect=login|flags=1"},
-      {"<421 busy|eof", "connect=connfail|flags=0"},
+      // Connecting again gives up the old connection.
+      {"<421 busy|eof", "connect=connfail|flags=0|connect=odd"},
   };
   for (const auto &c : cases) run(c.first, c.second, kShortMs);
 }
 
-// A session that a refused greeting left with flags 0 connects again and
-// gives up the old connection; a logged-in session refuses another connect.
-TEST_F(Ftp, ConnectAgain) {
-  kt::TcpPeer second;
-  script(second, "login|>QUIT|<221 bye|eof");
-  second.start();
-  kelFTPCSession *s = open("<421 busy|eof");
-  EXPECT_EQ(kelFTPCProtoConnect(s, "127.0.0.1", "u", "p"), KEL_FTPC_CONNECT_FAILED);
-  s->port = second.port();
-  EXPECT_EQ(kelFTPCProtoConnect(s, "127.0.0.1", "u", "p"), KEL_OK);
-  EXPECT_EQ(kelFTPCProtoConnect(s, "127.0.0.1", "u", "p"), KEL_FTPC_ALREADY_ACTIVE);
-  done(s);
-  EXPECT_TRUE(second.finish()) << second.failure();
-}
-
 // A session makes SIGPIPE harmless, so that a send into a closed connection
-// fails instead of ending the process. Names of 64 bytes and a foreign
-// object are refused before anything happens; a refused connect and one
-// that times out differ. A start that fails frees its session again.
+// fails instead of ending the process. A missing password is refused
+// before anything happens; a refused connect and one that times out differ. A start that fails frees its session again.
 TEST_F(Ftp, OpenConnectAndStartChecks) {
   EXPECT_EQ(kelFTPCProtoOpen(21, 0), nullptr);
   signal(SIGPIPE, SIG_DFL);
   kelFTPCSession *s = kelFTPCProtoOpen(0, kShortMs);
   EXPECT_NE(signal(SIGPIPE, SIG_DFL), SIG_DFL);
   EXPECT_EQ(s->port, 21);
-  const std::string n64(64, 'n'), server64 = "127." + std::string(56, '0') + ".0.1";
-  EXPECT_EQ(kelFTPCProtoConnect(s, server64.c_str(), "u", "p"), KEL_FTPC_BAD_SERVER);
-  EXPECT_EQ(kelFTPCProtoConnect(s, "", "u", "p"), KEL_FTPC_BAD_SERVER);
-  EXPECT_EQ(kelFTPCProtoConnect(s, "127.0.0.1", n64.c_str(), "p"), KEL_FTPC_BAD_LOGIN);
   EXPECT_EQ(kelFTPCProtoConnect(s, "127.0.0.1", "u", nullptr), KEL_FTPC_BAD_LOGIN);
   s->port = kt::closedPort();
   EXPECT_EQ(kelFTPCProtoConnect(s, "127.0.0.1", "u", "p"), KEL_FTPC_CONNECT_FAILED);
   EXPECT_EQ(s->controlSocket, -1);
   s->port = kt::fullPort();
   EXPECT_EQ(kelFTPCProtoConnect(s, "127.0.0.1", "u", "p"), KEL_FTPC_CONNECT_TIMEOUT);
-  s->magic ^= 1;
-  EXPECT_EQ(kelFTPCProtoClose(s), KEL_FTPC_BAD_SESSION);
-  s->magic ^= 1;
   EXPECT_EQ(kelFTPCProtoClose(s), KEL_OK);
   kelHostPoolFailAt(1);
-  EXPECT_EQ(kelFTPCProtoOpen(21, 300), nullptr);
-  kelHostPoolFailAt(1);
   kelFTPCSession *started = s;
-  kelFTPCServerRecord record = {"127.0.0.1", "u", "p"}, empty = {"", "u", "p"};
+  kelFTPCServerRecord record = {"", "u", "p"};
   EXPECT_EQ(kelFTPCStart(&record, &started), KEL_FTPC_BAD_SESSION);
   EXPECT_EQ(started, nullptr);
   EXPECT_EQ(kelFTPCStart(&record, nullptr), KEL_FTPC_BAD_SESSION);
-  EXPECT_EQ(kelFTPCStart(&empty, &started), KEL_FTPC_BAD_SERVER);
+  EXPECT_EQ(kelFTPCStart(&record, &started), KEL_FTPC_BAD_SERVER);
 }
 
-// Each table: the call, what goes out, then reply codes and their results.
-TEST_F(Ftp, EveryReplyTableRowByRow) {
-  const char *tables[] = {
-      "TYPE 3;TYPE I: 421 closing 500 syntax 501 syntax 504 syntax 530 ready 100 odd 200 ok",
-      "CWD d;CWD d: 250 ok 421 closing 501 syntax 530 ready 550 gone 200 odd",
-      "XCWD d;XCWD d: 250 ok 421 closing 500 syntax 501 syntax 502 notimpl 530 ready 550 gone",
-      "PORT;PORT 10,1,2,3,4,210: 200 ok 421 closing 500 syntax 501 syntax 530 ready",
-      "PASV;PASV: 421 closing 500 syntax 501 syntax 502 notimpl 530 ready",
-      "DELE f;DELE f: 250 ok 421 closing 450 busy 500 syntax 501 syntax 502 notimpl 530 ready 550 dele",
-      "STOR f;STOR f: 110 store 125 ok 150 ok 226 store 250 store 421 closing 425 nodata 426 store 450 busy "
-      "451 store 452 full 500 syntax 501 syntax 530 ready 532 account 551 store 552 store 553 name 502 odd",
-      "APPE f;APPE f: 502 notimpl 550 name 150 ok 452 full",
-      "RETR f;RETR f: 110 retr 125 ok 150 ok 226 retr 250 retr 421 closing 425 nodata 426 retr 450 busy "
-      "451 retr 500 syntax 501 syntax 530 ready 550 gone 452 odd 532 odd",
-      "USER u;USER u: 230 ok 331 pass 332 account 421 closing 500 syntax 501 syntax 530 login 202 odd",
-      "PASS p;PASS p: 202 ok 230 ok 332 account 421 closing 500 syntax 501 syntax 503 syntax 530 login 331 odd",
-      "QUIT;QUIT: 221 ok 500 syntax 200 odd",
-      "PWD;PWD: 421 closing 501 syntax 550 gone 530 odd",
-      "XPWD;XPWD: 421 closing 500 syntax 501 syntax 502 notimpl 550 gone",
-      "final-put;: 110 store 125 store 150 store 226 ok 250 ok 421 closing 425 nodata 426 store 450 busy "
-      "451 store 452 full 500 syntax 501 syntax 530 ready 532 account 551 store 553 store 552 odd",
-  };
+// Each table, up to a "/": the call, what goes out, then reply codes and
+// their results.
+TEST_F(Ftp, CommandExchanges) {
+  const std::string tables =
+      "TYPE 3;TYPE I: 421 closing 500 syntax 501 syntax 504 syntax 530 ready 100 odd 200 ok/CWD d;CWD d: 250 ok "
+      "421 closing 501 syntax 530 ready 550 gone 200 odd/XCWD d;XCWD d: 250 ok 421 closing 500 syntax 501 syntax "
+      "502 notimpl 530 ready 550 gone/PORT;PORT 10,1,2,3,4,210: 200 ok 421 closing 500 syntax 501 syntax 530 ready/"
+      "PASV;PASV: 421 closing 500 syntax 501 syntax 502 notimpl 530 ready/DELE f;DELE f: 250 ok 421 closing "
+      "450 busy 500 syntax 501 syntax 502 notimpl 530 ready 550 dele/STOR f;STOR f: 110 store 125 ok 150 ok "
+      "226 store 250 store 421 closing 425 nodata 426 store 450 busy 451 store 452 full 500 syntax 501 syntax "
+      "530 ready 532 account 551 store 552 store 553 name 502 odd/APPE f;APPE f: 502 notimpl 550 name 150 ok "
+      "452 full/RETR f;RETR f: 110 retr 125 ok 150 ok 226 retr 250 retr 421 closing 425 nodata 426 retr 450 busy "
+      "451 retr 500 syntax 501 syntax 530 ready 550 gone 452 odd 532 odd/USER u;USER u: 230 ok 331 pass "
+      "332 account 421 closing 500 syntax 501 syntax 530 login 202 odd/PASS p;PASS p: 202 ok 230 ok 332 account "
+      "421 closing 500 syntax 501 syntax 503 syntax 530 login 331 odd/QUIT;QUIT: 221 ok 500 syntax 200 odd/"
+      "PWD;PWD: 421 closing 501 syntax 550 gone 530 odd/XPWD;XPWD: 421 closing 500 syntax 501 syntax 502 notimpl "
+      "550 gone/final-put;: 110 store 125 store 150 store 226 ok 250 ok 421 closing 425 nodata 426 store "
+      "450 busy 451 store 452 full 500 syntax 501 syntax 530 ready 532 account 551 store 553 store 552 odd";
   std::string server, calls = "attach";
-  for (std::string t : tables) {
+  std::istringstream each(tables);
+  for (std::string t; std::getline(each, t, '/');) {
     size_t semi = t.find(';'), colon = t.find(':');
     std::string wire = t.substr(semi + 1, colon - semi - 1), code, result;
     for (std::istringstream pairs(t.substr(colon + 1)); pairs >> code >> result;) {
@@ -329,12 +262,9 @@ TEST_F(Ftp, EveryReplyTableRowByRow) {
     }
   }
   run(server + "eof", calls);
-}
-
-// TYPE, STRU and MODE send nothing for the value last accepted (ASCII, file,
-// stream at the start) nor for a value they refuse; a failed request is
-// asked again. CWD to nowhere sends nothing; 500 and 502 go on with XCWD.
-TEST_F(Ftp, SettingsAreRemembered) {
+  // TYPE, STRU and MODE send nothing for the value last accepted (ASCII,
+  // file, stream at the start) nor for a value they refuse; a failed request
+  // is asked again. CWD to nowhere sends nothing; 500 and 502 go on with XCWD.
   run(">TYPE I|<504 no|>TYPE I|<200 ok|>TYPE I|<200 ok|>STRU F|<200 ok|>MODE S|<200 ok|>CWD .in|<502 no|"
       ">XCWD .in|<250 ok|>CWD d|<500 what|>XCWD d|<504 no|eof",
       "attach|TYPE 1|STRU 1|MODE 1|STRU 2=syntax|MODE 3=syntax|TYPE 3=syntax|TYPE 3|TYPE 3|TYPE 0=syntax|"
@@ -354,42 +284,31 @@ TEST_F(Ftp, PassiveStoreThenRetrieve) {
 }
 
 // Active mode after 502 to PASV, with the reply and the server's connection
-// in either order or both there before STOR goes out.
-TEST_F(Ftp, ActiveModeInEveryOrder) {
+// in either order or both there before STOR goes out. 150 and no connection:
+// the open succeeds without a data connection, the first write fails and
+// tears down, and the abort then sends nothing.
+TEST_F(Ftp, ActiveMode) {
   for (const char *order : {"<200 port ok|>STOR /home/f|<150 go|stall 50|connect d.port d",
                             "<200 port ok|>STOR /home/f|connect d.port d|stall 50|<150 go",
                             "connect d.port d|<200 port ok|<150 go|>STOR /home/f"})
     run(std::string("login|>TYPE I|<200 ok|port d|") + order + "|C-@d payload|eof@d|<226 done|>QUIT|<221 bye|eof",
         "connect|wopen /home f|sockets=110|write payload|wclose");
-}
-
-// 150 and no connection: the open succeeds without a data connection, the
-// first write fails and tears down, and the abort then sends nothing. A
-// reply that times out while the connection waits takes the listener away
-// before the accept (both lines come in one piece, so that both wait
-// together).
-TEST_F(Ftp, ActiveWithoutTheServersConnection) {
   run("login|>TYPE I|<200 ok|port d|<200 port ok|>STOR /home/f|<150 go|eof",
       "connect|put /home f|sockets=100|flags=23|write x=iofail|flags=18|sockets=000|abort", kShortMs);
-  run("login|>TYPE I|<200 ok|port d|connect d.port d|<200 port ok\\r\\n150-going|>STOR /home/f|eof",
-      "connect|put /home f=session|flags=2", kShortMs);
 }
 
 // Composed paths with the backslash learnt at login: a directory ending in
 // a separator gets none more; 255 bytes of names pass, 256 are refused
 // before anything goes out; an empty directory gives the bare name. A
 // second open before the close is refused (the application's open closes
-// the transfer under way); a delete may run during a store.
+// the transfer under way); a delete may run during a store. The calls' state
+// tests on a session that isn't connected.
 TEST_F(Ftp, PathsAndOrderOfCalls) {
   const std::string d200(200, 'd'), f55 = " " + std::string(55, 'f'), f56 = f55 + "f";
   run("<220 hi|>USER u|<230 in|>PWD|<257 \"C:\\\\ftp\"|>TYPE I|<200 ok|pasv d|>STOR dir\\\\f|<150 go|>DELE " +
           d200 + "\\\\" + f55.substr(1) + "|<250 gone|eof@d|<226 ok|>DELE f|<550 no|>QUIT|<221 bye|eof",
       "connect|sep=\\|wopen " + d200 + f56 + "=odd|delete " + d200 + f56 + "=odd|wopen dir\\\\ f|"
       "append - f=active|delete " + d200 + f55 + "|wopen dir\\\\ f=active|flags=3|wclose|delete - f=dele");
-}
-
-// The calls' state tests on a session that isn't connected.
-TEST_F(Ftp, CallsOutOfOrder) {
   run("", "wopen - f=ready|ropen=name|append - f=ready|write x=ready|read=ready|delete - f=ready|wclose|abort");
 }
 

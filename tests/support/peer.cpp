@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <regex>
 #include <sstream>
@@ -19,9 +20,9 @@ namespace kt {
 std::string printable(const std::string &bytes) {
   std::string out;
   for (unsigned char c : bytes) {
-    char hex[8];
-    snprintf(hex, sizeof hex, c < 0x20 || c >= 0x7f ? "\\x%02x" : "%c", c);
-    out += c == '\r' ? "\\r" : c == '\n' ? "\\n" : c == '\\' ? "\\\\" : hex;
+    char shown[8];
+    snprintf(shown, sizeof shown, c < 0x20 || c >= 0x7f || c == '\\' ? "\\x%02x" : "%c", c);
+    out += shown;
   }
   return out;
 }
@@ -36,6 +37,9 @@ int listenLoopback(int backlog, uint16_t *port) {
   socklen_t len = sizeof a;
   sockaddr *at = reinterpret_cast<sockaddr *>(&a);
   setsockopt(l, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  // Small sends of the accepted connections, which inherit this, go out at
+  // once, not held back for the client's delayed acknowledgement.
+  setsockopt(l, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   if (bind(l, at, len) == 0 && ::listen(l, backlog) == 0 && getsockname(l, at, &len) == 0) {
     *port = ntohs(a.sin_port);
     return l;
@@ -62,19 +66,8 @@ uint16_t fullPort() {
   return 0;
 }
 
-// Small sends go out at once, not held back for the client's delayed
-// acknowledgement.
-static int noDelay(int fd) {
-  int on = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  return fd;
-}
-
 void Script::start() {
-  thread_ = std::thread([this] {
-    for (auto &s : steps_)
-      if (!s()) return;
-  });
+  thread_ = std::thread([this] { std::all_of(steps_.begin(), steps_.end(), [](auto &step) { return step(); }); });
 }
 
 bool Script::finish() {
@@ -108,15 +101,6 @@ TcpPeer::~TcpPeer() {
   for (auto &entry : fds_) ::close(entry.second);
 }
 
-std::string TcpPeer::expand(const std::string &text) const {
-  std::string out;
-  size_t i = 0, open, close;
-  for (; (open = text.find("${", i)) != std::string::npos && (close = text.find('}', open)) != std::string::npos;
-       i = close + 1)
-    out += text.substr(i, open - i) + var(text.substr(open + 2, close - open - 2));
-  return out + text.substr(i);
-}
-
 ssize_t TcpPeer::receive(const std::string &conn, std::string &out, size_t max) {
   char buffer[65536];
   ssize_t n = readable(fd(conn)) ? recv(fd(conn), buffer, std::min(max, sizeof buffer), 0) : -1;
@@ -131,18 +115,17 @@ TcpPeer &TcpPeer::step(std::function<bool(TcpPeer &)> action) {
 
 TcpPeer &TcpPeer::send(const std::string &bytes, const std::string &conn) {
   return step([bytes, conn](TcpPeer &p) {
-    std::string text = p.expand(bytes);
-    return ::send(p.fd(conn), text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size()) ||
+    return ::send(p.fd(conn), bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size()) ||
            p.fail("send failed on " + conn);
   });
 }
 
 TcpPeer &TcpPeer::expect(const std::string &expected, const std::string &conn) {
   return step([expected, conn](TcpPeer &p) {
-    std::string want = p.expand(expected), got;
-    while (got.size() < want.size() && p.receive(conn, got, want.size() - got.size()) > 0) {
+    std::string got;
+    while (got.size() < expected.size() && p.receive(conn, got, expected.size() - got.size()) > 0) {
     }
-    return got == want || p.fail("expected " + printable(want) + " on " + conn + ", got " + printable(got));
+    return got == expected || p.fail("expected " + printable(expected) + " on " + conn + ", got " + printable(got));
   });
 }
 
@@ -170,33 +153,28 @@ TcpPeer &TcpPeer::expectEof(const std::string &conn) {
 
 TcpPeer &TcpPeer::close(const std::string &conn) {
   return step([conn](TcpPeer &p) {
-    if (!p.fds_.count(conn)) return p.fail("no connection " + conn + " to close");
-    ::close(p.fds_[conn]);
-    return p.fds_.erase(conn) == 1;
+    ::close(p.fd(conn));
+    return p.fds_.erase(conn) == 1 || p.fail("no connection " + conn + " to close");
   });
 }
 
-TcpPeer &TcpPeer::listen(const std::string &name) {
-  return step([name](TcpPeer &p) {
-    uint16_t port = 0;
-    p.fds_[name] = listenLoopback(8, &port);
-    p.vars_[name + ".p1"] = std::to_string(port >> 8);
-    p.vars_[name + ".p2"] = std::to_string(port & 0xff);
-    return p.fds_[name] >= 0 || p.fail("can't listen for " + name);
-  });
+uint16_t TcpPeer::listen(const std::string &name) {
+  uint16_t port = 0;
+  fds_[name] = listenLoopback(8, &port);
+  return port;
 }
 
 TcpPeer &TcpPeer::accept(const std::string &listener, const std::string &conn) {
   return step([listener, conn](TcpPeer &p) {
     int f = p.readable(p.fd(listener)) ? ::accept(p.fd(listener), nullptr, nullptr) : -1;
-    if (f >= 0) p.fds_[conn] = noDelay(f);
+    if (f >= 0) p.fds_[conn] = f;
     return f >= 0 || p.fail("no connection came to the listener " + listener);
   });
 }
 
 TcpPeer &TcpPeer::connect(const std::string &portVariable, const std::string &conn) {
   return step([portVariable, conn](TcpPeer &p) {
-    int high = 0, low = -1, f = p.fds_[conn] = noDelay(socket(AF_INET, SOCK_STREAM, 0));
+    int high = 0, low = -1, f = p.fds_[conn] = socket(AF_INET, SOCK_STREAM, 0);
     sscanf(p.var(portVariable).c_str(), "%d,%d", &high, &low);
     sockaddr_in a = loopbackAddress(static_cast<uint16_t>(low < 0 ? high : high * 256 + low));
     return ::connect(f, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 ||
@@ -205,8 +183,7 @@ TcpPeer &TcpPeer::connect(const std::string &portVariable, const std::string &co
 }
 
 UdpPeer::UdpPeer(uint16_t port, uint32_t address) : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
-  sockaddr_in a = loopbackAddress(port);
-  a.sin_addr.s_addr = address;
+  sockaddr_in a = {AF_INET, htons(port), {address}, {}};
   socklen_t len = sizeof a;
   sockaddr *at = reinterpret_cast<sockaddr *>(&a);
   if (bind(fd_, at, len) == 0 && getsockname(fd_, at, &len) == 0) port_ = ntohs(a.sin_port);
@@ -272,13 +249,10 @@ TcpPeer &play(TcpPeer &peer, const std::string &script) {
     if (!(words >> verb)) continue;
     if (words.get() == ' ') std::getline(words, arg);
     std::istringstream(arg) >> first >> second;
-    size_t at = verb.find('@');
-    if (at != std::string::npos) {  // "S@data:" is "S:" on data
-      conn = verb.substr(at + 1);
-      verb.erase(at);
-      if (conn.back() == ':') verb += ':';
-      if (conn.back() == ':') conn.pop_back();
-    }
+    std::smatch m;  // "S@data:" is "S:" on data
+    std::regex_match(verb, m, std::regex("([^@]+)(@([^:]+))?(:?)"));
+    if (m[3].matched) conn = m[3];
+    verb = m.str(1) + m.str(4);
     if (std::regex_match(verb, std::regex("[SC](:|-|X:)"))) {
       std::string bytes = verb[1] == 'X' ? unhex(arg) : unescape(arg) + (verb[1] == ':' ? "\r\n" : "");
       verb[0] == 'S' ? peer.send(bytes, conn) : peer.expect(bytes, conn);

@@ -16,8 +16,8 @@
 
 namespace kt {
 
-// Shows bytes with control characters escaped (as transcript.h reads them
-// back), for failure messages.
+// Shows bytes with control characters and backslashes as \xNN (as
+// transcript.h reads them back), for failure messages.
 std::string printable(const std::string &bytes);
 
 // Local IPv4 address 127.0.0.1 in network byte order.
@@ -58,23 +58,23 @@ class TcpPeer : public Script {
   ~TcpPeer();
   uint16_t port() const { return port_; }
 
+  // Opens a listener named name at once, before any step runs, and gives
+  // its port.
+  uint16_t listen(const std::string &name);
+
   // --- steps, run in order by start() ---
-  // Sends bytes; ${name} is replaced by the variable name.
   TcpPeer &send(const std::string &bytes, const std::string &conn = kControl);
-  // Reads exactly as many bytes as expected holds (after ${} expansion) and
-  // compares them.
+  // Reads exactly as many bytes as expected holds and compares them.
   TcpPeer &expect(const std::string &expected, const std::string &conn = kControl);
   // Reads one line up to and including LF; it must match the ECMAScript
-  // regex pattern as a whole. Groups 1.. are stored in the variables named.
+  // regex pattern as a whole. Groups 1.. are stored in the variables named
+  // (see var()).
   TcpPeer &expectLine(const std::string &pattern, std::vector<std::string> captures = {},
                       const std::string &conn = kControl);
   // The client closes with nothing more sent.
   TcpPeer &expectEof(const std::string &conn = kControl);
   TcpPeer &stall(int ms) { return addStall(ms), *this; }
   TcpPeer &close(const std::string &conn = kControl);
-  // Opens a listener; sets ${name.p1} and ${name.p2} to its port's high and
-  // low byte, as a PASV reply gives them.
-  TcpPeer &listen(const std::string &name);
   // Accepts one connection on listener into conn.
   TcpPeer &accept(const std::string &listener, const std::string &conn);
   // Connects to 127.0.0.1 at the port held in the variable portVariable,
@@ -91,7 +91,6 @@ class TcpPeer : public Script {
   ssize_t receive(const std::string &conn, std::string &out, size_t max);
 
  private:
-  std::string expand(const std::string &text) const;
   std::map<std::string, int> fds_;
   std::map<std::string, std::string> vars_;
   uint16_t port_ = 0;

@@ -10,14 +10,13 @@ namespace kt {
 
 class PoolGuard : public ::testing::Test {
  protected:
-  static std::pair<size_t, size_t> inUse() { return {kelHostPoolBlocksInUse(), kelHostPoolBytesInUse()}; }
   void SetUp() override {
     kelHostPoolFailAt(0);
-    before_ = inUse();
+    before_ = {kelHostPoolBlocksInUse(), kelHostPoolBytesInUse()};
   }
   void TearDown() override {
     kelHostPoolFailAt(0);
-    EXPECT_EQ(inUse(), before_) << "blocks and bytes of the pool leaked";
+    EXPECT_EQ(std::make_pair(kelHostPoolBlocksInUse(), kelHostPoolBytesInUse()), before_) << "pool blocks leaked";
   }
   std::pair<size_t, size_t> before_;
 };
