@@ -32,7 +32,6 @@
 
 #include <map>
 #include <sstream>
-#include <string>
 
 #include <gtest/gtest.h>
 
@@ -210,7 +209,8 @@ TEST_F(Ftp, LoginRoads) {
 
 // A session makes SIGPIPE harmless, so that a send into a closed connection
 // fails instead of ending the process. A missing password is refused
-// before anything happens; a refused connect and one that times out differ. A start that fails frees its session again.
+// before anything happens; a refused connect and one that times out differ.
+// A start that fails frees its session again.
 TEST_F(Ftp, OpenConnectAndStartChecks) {
   EXPECT_EQ(kelFTPCProtoOpen(21, 0), nullptr);
   signal(SIGPIPE, SIG_DFL);
@@ -237,20 +237,22 @@ TEST_F(Ftp, OpenConnectAndStartChecks) {
 // their results.
 TEST_F(Ftp, CommandExchanges) {
   const std::string tables =
-      "TYPE 3;TYPE I: 421 closing 500 syntax 501 syntax 504 syntax 530 ready 100 odd 200 ok/CWD d;CWD d: 250 ok "
-      "421 closing 501 syntax 530 ready 550 gone 200 odd/XCWD d;XCWD d: 250 ok 421 closing 500 syntax 501 syntax "
-      "502 notimpl 530 ready 550 gone/PORT;PORT 10,1,2,3,4,210: 200 ok 421 closing 500 syntax 501 syntax 530 ready/"
-      "PASV;PASV: 421 closing 500 syntax 501 syntax 502 notimpl 530 ready/DELE f;DELE f: 250 ok 421 closing "
-      "450 busy 500 syntax 501 syntax 502 notimpl 530 ready 550 dele/STOR f;STOR f: 110 store 125 ok 150 ok "
-      "226 store 250 store 421 closing 425 nodata 426 store 450 busy 451 store 452 full 500 syntax 501 syntax "
-      "530 ready 532 account 551 store 552 store 553 name 502 odd/APPE f;APPE f: 502 notimpl 550 name 150 ok "
-      "452 full/RETR f;RETR f: 110 retr 125 ok 150 ok 226 retr 250 retr 421 closing 425 nodata 426 retr 450 busy "
+      "TYPE 3;TYPE I: 421 closing 500 syntax 501 syntax 504 syntax 530 ready 100 odd 200 ok/"
+      "CWD d;CWD d: 250 ok 421 closing 501 syntax 530 ready 550 gone 200 odd/XCWD d;XCWD d: 250 ok "
+      "421 closing 500 syntax 501 syntax 502 notimpl 530 ready 550 gone/PORT;PORT 10,1,2,3,4,210: 200 ok "
+      "421 closing 500 syntax 501 syntax 530 ready/PASV;PASV: 421 closing 500 syntax 501 syntax "
+      "502 notimpl 530 ready/DELE f;DELE f: 250 ok 421 closing 450 busy 500 syntax 501 syntax 502 notimpl "
+      "530 ready 550 dele/STOR f;STOR f: 110 store 125 ok 150 ok 226 store 250 store 421 closing "
+      "425 nodata 426 store 450 busy 451 store 452 full 500 syntax 501 syntax 530 ready 532 account "
+      "551 store 552 store 553 name 502 odd/APPE f;APPE f: 502 notimpl 550 name 150 ok 452 full/"
+      "RETR f;RETR f: 110 retr 125 ok 150 ok 226 retr 250 retr 421 closing 425 nodata 426 retr 450 busy "
       "451 retr 500 syntax 501 syntax 530 ready 550 gone 452 odd 532 odd/USER u;USER u: 230 ok 331 pass "
-      "332 account 421 closing 500 syntax 501 syntax 530 login 202 odd/PASS p;PASS p: 202 ok 230 ok 332 account "
-      "421 closing 500 syntax 501 syntax 503 syntax 530 login 331 odd/QUIT;QUIT: 221 ok 500 syntax 200 odd/"
-      "PWD;PWD: 421 closing 501 syntax 550 gone 530 odd/XPWD;XPWD: 421 closing 500 syntax 501 syntax 502 notimpl "
-      "550 gone/final-put;: 110 store 125 store 150 store 226 ok 250 ok 421 closing 425 nodata 426 store "
-      "450 busy 451 store 452 full 500 syntax 501 syntax 530 ready 532 account 551 store 553 store 552 odd";
+      "332 account 421 closing 500 syntax 501 syntax 530 login 202 odd/PASS p;PASS p: 202 ok 230 ok "
+      "332 account 421 closing 500 syntax 501 syntax 503 syntax 530 login 331 odd/QUIT;QUIT: 221 ok "
+      "500 syntax 200 odd/PWD;PWD: 421 closing 501 syntax 550 gone 530 odd/XPWD;XPWD: 421 closing "
+      "500 syntax 501 syntax 502 notimpl 550 gone/final-put;: 110 store 125 store 150 store 226 ok 250 ok "
+      "421 closing 425 nodata 426 store 450 busy 451 store 452 full 500 syntax 501 syntax 530 ready "
+      "532 account 551 store 553 store 552 odd";
   std::string server, calls = "attach";
   std::istringstream each(tables);
   for (std::string t; std::getline(each, t, '/');) {
@@ -315,10 +317,11 @@ TEST_F(Ftp, PathsAndOrderOfCalls) {
 // The abort during a store deletes the file (not when its name filled the
 // session's field); during a retrieve QUIT takes the pending reply.
 TEST_F(Ftp, AbortEnd) {
-  const std::string n127(127, 'n'), n128(128, 'n'), start = "login|>TYPE I|<200 ok|pasv d|>";
-  run(start + "STOR /home/" + n127 + "|<150 go|eof@d|<426 broken|>DELE /home/" + n127 + "|<250 gone|>QUIT|<221 bye|eof",
+  const std::string n127(127, 'n'), n128(128, 'n');
+  const std::string start = "login|>TYPE I|<200 ok|pasv d|>", bye = ">QUIT|<221 bye|eof";
+  run(start + "STOR /home/" + n127 + "|<150 go|eof@d|<426 broken|>DELE /home/" + n127 + "|<250 gone|" + bye,
       "connect|put /home " + n127 + "|abort");
-  run(start + "STOR /home/" + n128 + "|<150 go|eof@d|<426 broken|>QUIT|<221 bye|eof", "connect|put /home " + n128 + "|abort");
+  run(start + "STOR /home/" + n128 + "|<150 go|eof@d|<426 broken|" + bye, "connect|put /home " + n128 + "|abort");
   run(start + "RETR /home/g|<150 go|eof@d|<426 broken|>QUIT|eof", "connect|get /home g|abort=odd");
 }
 

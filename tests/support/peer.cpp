@@ -31,7 +31,9 @@ uint32_t loopback() { return htonl(INADDR_LOOPBACK); }
 
 sockaddr_in loopbackAddress(uint16_t port) { return {AF_INET, htons(port), {loopback()}, {}}; }
 
-int listenLoopback(int backlog, uint16_t *port) {
+// A TCP listener on 127.0.0.1 at *port (0: a free port, stored in *port);
+// -1 if none.
+static int listenLoopback(int backlog, uint16_t *port) {
   int l = socket(AF_INET, SOCK_STREAM, 0), on = 1;
   sockaddr_in a = loopbackAddress(*port);
   socklen_t len = sizeof a;
@@ -67,7 +69,7 @@ uint16_t fullPort() {
 }
 
 void Script::start() {
-  thread_ = std::thread([this] { std::all_of(steps_.begin(), steps_.end(), [](auto &step) { return step(); }); });
+  thread_ = std::thread([this] { std::all_of(steps_.begin(), steps_.end(), [](auto &s) { return s(); }); });
 }
 
 bool Script::finish() {
@@ -125,7 +127,7 @@ TcpPeer &TcpPeer::expect(const std::string &expected, const std::string &conn) {
     std::string got;
     while (got.size() < expected.size() && p.receive(conn, got, expected.size() - got.size()) > 0) {
     }
-    return got == expected || p.fail("expected " + printable(expected) + " on " + conn + ", got " + printable(got));
+    return got == expected || p.fail(conn + ": expected " + printable(expected) + ", got " + printable(got));
   });
 }
 
@@ -147,7 +149,7 @@ TcpPeer &TcpPeer::expectEof(const std::string &conn) {
   return step([conn](TcpPeer &p) {
     std::string got;
     ssize_t n = p.receive(conn, got, 1);
-    return n == 0 || p.fail(n > 0 ? "expected the end of " + conn + ", got " + printable(got) : "no end of " + conn);
+    return n == 0 || p.fail("expected the end of " + conn + ", got " + (n < 0 ? "nothing" : printable(got)));
   });
 }
 

@@ -16,7 +16,7 @@ class PoolGuard : public ::testing::Test {
   }
   void TearDown() override {
     kelHostPoolFailAt(0);
-    EXPECT_EQ(std::make_pair(kelHostPoolBlocksInUse(), kelHostPoolBytesInUse()), before_) << "pool blocks leaked";
+    EXPECT_EQ(std::make_pair(kelHostPoolBlocksInUse(), kelHostPoolBytesInUse()), before_) << "leaked";
   }
   std::pair<size_t, size_t> before_;
 };

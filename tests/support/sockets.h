@@ -2,16 +2,11 @@
 #pragma once
 
 #include <netinet/in.h>
-#include <stdint.h>
 
 namespace kt {
 
 // IPv4 socket address of 127.0.0.1 at port (host order).
 sockaddr_in loopbackAddress(uint16_t port);
-
-// A TCP listener on 127.0.0.1 at *port (0: a free port, stored in *port);
-// -1 if none.
-int listenLoopback(int backlog, uint16_t *port);
 
 // A port on 127.0.0.1 where nothing listens: connects are refused.
 uint16_t closedPort();

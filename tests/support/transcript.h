@@ -22,8 +22,6 @@
 // a script can be an indented raw string.
 #pragma once
 
-#include <string>
-
 #include "peer.h"
 
 namespace kt {

@@ -24,7 +24,8 @@ struct tm moment(int hour = 15, int year = 2024) { return {9, 7, hour, 5, 2, yea
 // zero, those behind the buffer untouched.
 TEST_F(Time, DayTimeStrings) {
   setenv("TZ", "UTC0", 1);
-  const struct { int setting, form; uint32_t word, length; int hour; kelResult result; const char *text; } rows[] = {
+  struct Row { int setting, form; uint32_t word, length; int hour; kelResult result; const char *text; };
+  const Row rows[] = {
       {-1, 1, 0x03002, 64, 15, 0, "03-05-24 15:07"},
       {-1, 1, 0x10804, 64, 15, 0, "05/03/2024 03:07:09PM"},
       {-1, 4, 0x10401, 64, 12, 0, "2024年03月05日 午後00時07分09秒"},
@@ -51,7 +52,7 @@ TEST_F(Time, DayTimeStrings) {
     struct tm t = moment(r.hour);
     char memory[96];
     memset(memory, 'x', sizeof memory);
-    EXPECT_EQ(kelTIMEGetDayTimeStr(mktime(&t), r.form, r.word, r.length, memory), r.result) << r.word << " " << r.length;
+    EXPECT_EQ(kelTIMEGetDayTimeStr(mktime(&t), r.form, r.word, r.length, memory), r.result) << r.word;
     std::string inside(memory, r.length), outside(memory + r.length, sizeof memory - r.length);
     EXPECT_STREQ(inside.c_str(), r.text);
     EXPECT_EQ(inside.find_first_not_of('\0', strlen(r.text)), std::string::npos);
