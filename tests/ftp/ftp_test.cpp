@@ -9,8 +9,8 @@
 //   pasv CONN    PASV answered with a listener of the peer; the client's
 //                connection to it becomes CONN
 //   port CONN    PASV refused with 502, then PORT heard with the address of
-//                the client's end of the control connection; ${CONN.port}
-//                holds the announced port for "connect CONN.port CONN"
+//                the client's end of the control connection; the variable
+//                CONN.port holds the announced port for "connect CONN.port CONN"
 //
 // The calls, separated by "|", each "call arguments = result" (no "= ..."
 // means ok); arguments are separated by blanks, "-" is an empty one:
@@ -19,7 +19,7 @@
 //   put/append/get D F the protocol opens (image, file, stream)
 //   wopen/ropen D F    the application's opens (no F: no file record)
 //   write TEXT, read [TEXT]   (read: to the end; the bytes must be TEXT)
-//   wclose, rclose, putclose, delete D F, abort, end
+//   wclose, rclose, delete D F, abort, end
 //   TYPE 3, CWD d, PORT, PASV, STOR f ...   one command exchange
 //   final-put          the final reply after a store's data connection ended
 //   flags = N, sockets = CDL (1: control, data, listener open), sep = C,
@@ -46,7 +46,6 @@ namespace {
 // that is: only the latter costs its time.
 constexpr int kWaitMs = 1500;
 constexpr int kShortMs = 200;
-constexpr uint32_t kReady = KEL_FTPC_CONNECTED | KEL_FTPC_LOGGED_IN;
 
 const std::map<std::string, kelResult> kResults = {
     {"ok", KEL_OK}, {"closing", KEL_FTPC_SERVICE_CLOSING}, {"syntax", KEL_FTPC_BAD_COMMAND},
