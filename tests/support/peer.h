@@ -1,7 +1,7 @@
 // Scripted network peers for tests: a TCP peer that plays a list of steps
 // (send these bytes, expect exactly these bytes from the client, stall,
-// close, open a second connection ...) on its own thread and records what
-// the client sent; and a UDP peer likewise. transcript.h writes the steps
+// close, open a second connection ...) on its own thread; and a UDP peer
+// likewise. transcript.h writes the steps
 // as text.
 #pragma once
 
@@ -16,7 +16,8 @@
 
 namespace kt {
 
-// Shows bytes with control characters escaped, for failure messages.
+// Shows bytes with control characters and backslashes as \xNN (as
+// transcript.h reads them back), for failure messages.
 std::string printable(const std::string &bytes);
 
 // Local IPv4 address 127.0.0.1 in network byte order.
@@ -36,7 +37,12 @@ class Script {
   bool fail(const std::string &why);
 
  protected:
+  // True when fd has something to read (or its end) within the step's time.
+  bool readable(int fd) const;
+  void addStall(int ms);
   std::vector<std::function<bool()>> steps_;
+
+ private:
   std::string failure_;
   std::thread thread_;
 };
@@ -52,48 +58,41 @@ class TcpPeer : public Script {
   ~TcpPeer();
   uint16_t port() const { return port_; }
 
+  // Opens a listener named name at once, before any step runs, and gives
+  // its port.
+  uint16_t listen(const std::string &name);
+
   // --- steps, run in order by start() ---
-  // Sends bytes; ${name} is replaced by the variable name.
   TcpPeer &send(const std::string &bytes, const std::string &conn = kControl);
-  // Reads exactly as many bytes as expected holds (after ${} expansion) and
-  // compares them.
+  // Reads exactly as many bytes as expected holds and compares them.
   TcpPeer &expect(const std::string &expected, const std::string &conn = kControl);
   // Reads one line up to and including LF; it must match the ECMAScript
-  // regex pattern as a whole. Groups 1.. are stored in the variables named.
+  // regex pattern as a whole. Groups 1.. are stored in the variables named
+  // (see var()).
   TcpPeer &expectLine(const std::string &pattern, std::vector<std::string> captures = {},
                       const std::string &conn = kControl);
   // The client closes with nothing more sent.
   TcpPeer &expectEof(const std::string &conn = kControl);
-  TcpPeer &stall(int ms);
+  TcpPeer &stall(int ms) { return addStall(ms), *this; }
   TcpPeer &close(const std::string &conn = kControl);
-  // Opens a listener; sets ${name.port}, ${name.p1}, ${name.p2} (port high
-  // and low byte, as a PASV reply gives them).
-  TcpPeer &listen(const std::string &name);
   // Accepts one connection on listener into conn.
   TcpPeer &accept(const std::string &listener, const std::string &conn);
-  // Connects to 127.0.0.1 at the port held in the variable portVariable.
+  // Connects to 127.0.0.1 at the port held in the variable portVariable,
+  // written as a number or as high and low byte "h,l" (as PORT sends it).
   TcpPeer &connect(const std::string &portVariable, const std::string &conn);
   // Any other action; it returns false (through fail()) to stop the script.
   TcpPeer &step(std::function<bool(TcpPeer &)> action);
 
-  // Everything the client sent on conn.
-  std::string received(const std::string &conn = kControl) const { return get(received_, conn); }
-  std::string var(const std::string &name) const { return get(vars_, name); }
-  void setVar(const std::string &name, const std::string &value) { vars_[name] = value; }
-
-  // For steps of their own: the socket of conn (-1 if none), and one receive
-  // of at most max bytes on conn appended to out (false on time-out, error or
-  // the client's close).
+  // For steps of their own: a variable ("" if unset), the socket of conn
+  // (-1 if none), and one receive of at most max bytes on conn appended to
+  // out: the count, 0 at the client's close, -1 on time-out or error.
+  std::string var(const std::string &name) const { return vars_.count(name) ? vars_.at(name) : ""; }
   int fd(const std::string &conn) const { return fds_.count(conn) ? fds_.at(conn) : -1; }
-  bool readSome(const std::string &conn, std::string &out, size_t max);
+  ssize_t receive(const std::string &conn, std::string &out, size_t max);
 
  private:
-  static std::string get(const std::map<std::string, std::string> &m, const std::string &key) {
-    return m.count(key) ? m.at(key) : "";
-  }
-  std::string expand(const std::string &text) const;
   std::map<std::string, int> fds_;
-  std::map<std::string, std::string> received_, vars_;
+  std::map<std::string, std::string> vars_;
   uint16_t port_ = 0;
 };
 
@@ -108,11 +107,9 @@ class UdpPeer : public Script {
   UdpPeer &expect(const std::string &expected);
   // Sends to the sender of the last datagram received.
   UdpPeer &reply(const std::string &bytes);
-  UdpPeer &stall(int ms);
-  const std::vector<std::string> &received() const { return received_; }
+  UdpPeer &stall(int ms) { return addStall(ms), *this; }
 
  private:
-  std::vector<std::string> received_;
   int fd_ = -1;
   uint16_t port_ = 0;
   sockaddr_in last_ = {};

@@ -12,18 +12,13 @@ class PoolGuard : public ::testing::Test {
  protected:
   void SetUp() override {
     kelHostPoolFailAt(0);
-    blocksBefore_ = kelHostPoolBlocksInUse();
-    bytesBefore_ = kelHostPoolBytesInUse();
+    before_ = {kelHostPoolBlocksInUse(), kelHostPoolBytesInUse()};
   }
   void TearDown() override {
     kelHostPoolFailAt(0);
-    EXPECT_EQ(kelHostPoolBlocksInUse(), blocksBefore_) << "blocks leaked";
-    EXPECT_EQ(kelHostPoolBytesInUse(), bytesBefore_) << "bytes leaked";
+    EXPECT_EQ(std::make_pair(kelHostPoolBlocksInUse(), kelHostPoolBytesInUse()), before_) << "leaked";
   }
-
- private:
-  size_t blocksBefore_ = 0;
-  size_t bytesBefore_ = 0;
+  std::pair<size_t, size_t> before_;
 };
 
 }  // namespace kt

@@ -10,17 +10,17 @@
 //   stall N    the server does nothing for N ms
 //   close      the server closes the connection
 //   eof        the client must close with nothing more sent
-//   listen L           the server opens listener L (see TcpPeer::listen)
+//   listen L           the server opens listener L at once, before any
+//                      step runs (see TcpPeer::listen)
 //   accept L conn      the client's connection to L becomes conn
-//   connect VAR conn   the server connects to the port in ${VAR} as conn
+//   connect VAR conn   the server connects to the port held in the variable
+//                      VAR (see TcpPeer::connect) as conn
 //
 // A step may name a connection other than the control one: "S@data: text",
 // "close@data", "eof@data". In text, \r \n \t \0 \\ and \xNN stand for the
-// bytes they name; ${var} expands as in TcpPeer. Leading blanks of a line and
-// empty lines are skipped, so a script can be an indented raw string.
+// bytes they name. Leading blanks of a line and empty lines are skipped, so
+// a script can be an indented raw string.
 #pragma once
-
-#include <string>
 
 #include "peer.h"
 
