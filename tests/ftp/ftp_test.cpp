@@ -51,11 +51,17 @@ std::vector<std::string> split(const std::string &text, char by) {
 
 void script(kt::TcpPeer &p, const std::string &text) {
   p.stepTimeoutMs = 3000;
+  // Server lines in a row go out in one send, so that what the client finds
+  // at its next wait doesn't hang on how fast the peer's thread runs.
+  std::string replies;
   for (std::string line : split(text, '|')) {
     std::string word, conn;
     std::istringstream(line) >> word >> conn;
-    if (word[0] == '<' || word[0] == '>') {
-      kt::play(p, (word[0] == '<' ? "S: " : "C: ") + line.substr(line.find(word[0]) + 1));
+    if (word[0] != '<' && !replies.empty()) kt::play(p, "S- " + replies), replies.clear();
+    if (word[0] == '<') {
+      replies += line.substr(line.find('<') + 1) + "\\r\\n";
+    } else if (word[0] == '>') {
+      kt::play(p, "C: " + line.substr(line.find('>') + 1));
     } else if (word == "login") {
       kt::play(p, "S: 220 ready\nC: USER u\nS: 230 in\nC: PWD\nS: 257 \"/home\" is current");
     } else if (word == "pasv") {
@@ -72,6 +78,7 @@ void script(kt::TcpPeer &p, const std::string &text) {
       kt::play(p, line);
     }
   }
+  if (!replies.empty()) kt::play(p, "S- " + replies);
 }
 
 bool call(kelFTPCSession *&s, const std::string &item, uint16_t port) {
