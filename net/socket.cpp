@@ -80,6 +80,17 @@ int kelNETRecvTimeo(int handle, void *buffer, uint32_t length, int flags,
   return static_cast<int>(recv(handle, buffer, length, flags));
 }
 
+int kelNETPeekTimeo(int handle, void *buffer, uint32_t length,
+                    int32_t timeoutMs) {
+  return kelNETRecvTimeo(handle, buffer, length, MSG_PEEK, timeoutMs);
+}
+
+int kelNETTake(int handle, void *buffer, uint32_t length) {
+  // The bytes are already there, so no wait: a plain receive.
+  int got = static_cast<int>(recv(handle, buffer, length, 0));
+  return got < 0 ? KEL_NET_ERROR : got;
+}
+
 int kelNETSendToTimeo(int handle, const void *buffer, uint32_t length,
                       int flags, const struct sockaddr *address,
                       socklen_t addressLength, int32_t timeoutMs) {
