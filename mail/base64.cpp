@@ -1,5 +1,5 @@
-// Base64 with the RFC 4648 alphabet. One table serves both directions: the
-// encoder indexes it, the decoder scans it.
+// Base64 with the RFC 4648 alphabet. The encoder indexes the alphabet; the
+// decoder a table of all byte values made from it at compile time.
 
 #include <string.h>
 
@@ -12,12 +12,18 @@ const char kTable[] =
 constexpr char kPad = '=';
 
 // Position 0 to 62 of the first equal table byte; anything else is 63, so
-// "/" and every character outside the alphabet decode alike.
-unsigned decodeChar(char c) {
-  for (unsigned i = 0; i < 63; i++)
-    if (kTable[i] == c) return i;
-  return 63;
-}
+// "/" and every character outside the alphabet decode alike. Kept as a
+// table of all 256 byte values, made once from the alphabet.
+struct DecodeTable {
+  unsigned char value[256];
+  constexpr DecodeTable() : value() {
+    for (unsigned c = 0; c < 256; c++) value[c] = 63;
+    for (unsigned i = 63; i-- > 0;) value[static_cast<unsigned char>(kTable[i])] = static_cast<unsigned char>(i);
+  }
+};
+constexpr DecodeTable kDecode;
+
+unsigned decodeChar(char c) { return kDecode.value[static_cast<unsigned char>(c)]; }
 
 }  // namespace
 
