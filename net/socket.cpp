@@ -4,6 +4,7 @@
 #include "kelnet.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <netdb.h>
 #include <signal.h>
 #include <string.h>
@@ -82,6 +83,13 @@ int kelNETRecvTimeo(int handle, void *buffer, uint32_t length, int flags,
 
 int kelNETPeekTimeo(int handle, void *buffer, uint32_t length,
                     int32_t timeoutMs) {
+  // What has already arrived needs no wait: one look without blocking
+  // first, and the timed wait only when nothing is there. A handle that
+  // has no place in a wait set is refused as the wait refuses it.
+  if (!kelNETHandleFits(handle)) return KEL_NET_ERROR;
+  ssize_t seen = recv(handle, buffer, length, MSG_PEEK | MSG_DONTWAIT);
+  if (seen >= 0) return static_cast<int>(seen);
+  if (errno != EAGAIN && errno != EWOULDBLOCK) return KEL_NET_ERROR;
   return kelNETRecvTimeo(handle, buffer, length, MSG_PEEK, timeoutMs);
 }
 
