@@ -17,10 +17,20 @@ struct G { static uint32_t f(uint32_t b, uint32_t c, uint32_t d) { return c ^ (d
 struct H { static uint32_t f(uint32_t b, uint32_t c, uint32_t d) { return b ^ c ^ d; } };
 struct I { static uint32_t f(uint32_t b, uint32_t c, uint32_t d) { return c ^ (b | ~d); } };
 
+// The word and the constant don't wait for the previous step; adding them
+// first keeps them off the chain of dependent operations.
 template <typename R>
 inline void step(uint32_t &a, uint32_t b, uint32_t c, uint32_t d, uint32_t x,
                  unsigned shift, uint32_t constant) {
-  a = b + rotl(a + R::f(b, c, d) + x + constant, shift);
+  a = b + rotl((a + x + constant) + R::f(b, c, d), shift);
+}
+
+// G's two terms never share a bit, so their sum is their union, and the
+// term without b can start before b is known.
+template <>
+inline void step<G>(uint32_t &a, uint32_t b, uint32_t c, uint32_t d,
+                    uint32_t x, unsigned shift, uint32_t constant) {
+  a = b + rotl((a + x + constant + (c & ~d)) + (b & d), shift);
 }
 
 // The 64 steps written out, each with its message word, shift and constant,
