@@ -82,24 +82,21 @@ char *kelMAILDecodeBase64(const char *text, uint32_t length) {
   for (uint32_t g = 0; g < length / 4; g++) {
     const char *c = text + g * 4;
     unsigned a = decodeChar(c[0]), b = decodeChar(c[1]);
-    if (c[2] == kPad) {
+    unsigned v = decodeChar(c[2]), w = decodeChar(c[3]);
+    if (c[2] == kPad || c[3] == kPad) {  // the last group
       p[0] = static_cast<unsigned char>(a << 2 | b >> 4);
       p[1] = static_cast<unsigned char>(b << 4);
       p += 2;
+      if (c[2] != kPad) {
+        p[-1] = static_cast<unsigned char>(p[-1] | v >> 2);
+        *p++ = static_cast<unsigned char>(v << 6);
+      }
       break;
     }
-    unsigned v = decodeChar(c[2]);
-    if (c[3] == kPad) {
-      p[0] = static_cast<unsigned char>(a << 2 | b >> 4);
-      p[1] = static_cast<unsigned char>(b << 4 | v >> 2);
-      p[2] = static_cast<unsigned char>(v << 6);
-      p += 3;
-      break;
-    }
-    uint32_t w = a << 18 | b << 12 | v << 6 | decodeChar(c[3]);
-    p[0] = static_cast<unsigned char>(w >> 16);
-    p[1] = static_cast<unsigned char>(w >> 8);
-    p[2] = static_cast<unsigned char>(w);
+    uint32_t bits = a << 18 | b << 12 | v << 6 | w;
+    p[0] = static_cast<unsigned char>(bits >> 16);
+    p[1] = static_cast<unsigned char>(bits >> 8);
+    p[2] = static_cast<unsigned char>(bits);
     p += 3;
   }
   memset(p, 0, size - static_cast<uint32_t>(p - out));
