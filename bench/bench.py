@@ -6,6 +6,9 @@ each, the order flipped every round, and prints the medians and their ratio.
 
     bench.py ftp   BUILD RUNS    with-ftpd.sh's KEL_FTP_* in the environment
     bench.py mail  BUILD RUNS    dovecot.sh's and exim.sh's KEL_* likewise
+    bench.py smb   BUILD RUNS    with-smb.sh's KEL_SMB_* (a core-dialect server);
+                                 the reference is the stop-and-wait limit that
+                                 kelbench measures on the same server
 
 Times are what each side measures around its own operation (kelbench's
 clock; curl's %{time_total}; kelbench_curl's clock), so process start is
@@ -29,7 +32,8 @@ def run(cmd):
 
 
 def kel(build, *args):
-    fields = dict(f.split("=", 1) for f in run([f"{build}/bench/kelbench", *args]).split())
+    # Only name=value words: the SMB name service prints a "MAC: ..." line.
+    fields = dict(f.split("=", 1) for f in run([f"{build}/bench/kelbench", *args]).split() if "=" in f)
     return fields
 
 
@@ -209,9 +213,31 @@ def mail(build, runs):
     record("SMTP 10 MiB attachment", lib, ref, os.path.getsize(message), memory(fields))
 
 
+def smb(build, runs):
+    share = os.environ["KEL_SMB_SHARE"]
+    os.makedirs(f"{share}/bench", exist_ok=True)
+    os.chmod(f"{share}/bench", 0o777)  # the server works as an account of its own
+    local = os.path.join(os.environ.get("TMPDIR", "/dev/shm"), "smb-down.bin")
+    results = []
+    for _ in range(runs):
+        fields = kel(build, "smb", os.environ["KEL_SMB_ADDR"], os.environ["KEL_SMB_PASS"], "64", local)
+        results.append(fields)
+        os.remove(f"{share}/bench/big.bin")
+    for way, name in (("up", "SMB upload 64 MiB"), ("down", "SMB download 64 MiB")):
+        row = {"case": name, "runs": runs,
+               "lib_MBps": statistics.median(float(r[f"smb_{way}_MBps"]) for r in results),
+               "share_of_limit": statistics.median(float(r[f"smb_{way}_share"]) for r in results)}
+        row.update(memory(results[-1]))
+        print(json.dumps(row), flush=True)
+        path = os.environ.get("KEL_BENCH_RESULTS")
+        if path:
+            with open(path, "a") as f:
+                f.write(json.dumps(row) + "\n")
+
+
 def main():
     what, build, runs = sys.argv[1], sys.argv[2], int(sys.argv[3])
-    {"ftp": ftp, "mail": mail}[what](build, runs)
+    {"ftp": ftp, "mail": mail, "smb": smb}[what](build, runs)
 
 
 if __name__ == "__main__":
