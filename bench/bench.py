@@ -21,6 +21,7 @@ import shutil
 import statistics
 import subprocess
 import sys
+import tempfile
 import time
 
 MiB = 1 << 20
@@ -138,8 +139,14 @@ def mail(build, runs):
     host = os.environ["KEL_POP3_HOST"]
     pop3_port, smtp_port = os.environ["KEL_POP3_PORT"], int(os.environ["KEL_SMTP_PORT"]) + 5
     user, pw, maildir = os.environ["KEL_POP3_USER"], os.environ["KEL_POP3_PASS"], os.environ["KEL_POP3_MAILDIR"]
-    work = os.environ.get("TMPDIR", "/dev/shm")
+    work = tempfile.mkdtemp(prefix="kelbench.", dir=os.environ.get("TMPDIR", "/dev/shm"))
+    try:
+        mail_in(build, runs, work, host, pop3_port, smtp_port, user, pw, maildir)
+    finally:
+        shutil.rmtree(work)
 
+
+def mail_in(build, runs, work, host, pop3_port, smtp_port, user, pw, maildir):
     # POP3: one message of 10 MiB in lines of 76 characters, some of which
     # begin with a dot, in the mailbox of kel.
     line = b"x" * 75 + b"\n"
@@ -217,12 +224,13 @@ def smb(build, runs):
     share = os.environ["KEL_SMB_SHARE"]
     os.makedirs(f"{share}/bench", exist_ok=True)
     os.chmod(f"{share}/bench", 0o777)  # the server works as an account of its own
-    local = os.path.join(os.environ.get("TMPDIR", "/dev/shm"), "smb-down.bin")
+    local = os.path.join(os.environ.get("TMPDIR", "/dev/shm"), f"kelbench-smb-{os.getpid()}.bin")
     results = []
     for _ in range(runs):
         fields = kel(build, "smb", os.environ["KEL_SMB_ADDR"], os.environ["KEL_SMB_PASS"], "64", local)
         results.append(fields)
         os.remove(f"{share}/bench/big.bin")
+        os.remove(local)
     for way, name in (("up", "SMB upload 64 MiB"), ("down", "SMB download 64 MiB")):
         row = {"case": name, "runs": runs,
                "lib_MBps": statistics.median(float(r[f"smb_{way}_MBps"]) for r in results),
