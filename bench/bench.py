@@ -6,9 +6,11 @@ each, the order flipped every round, and prints the medians and their ratio.
 
     bench.py ftp   BUILD RUNS    with-ftpd.sh's KEL_FTP_* in the environment
     bench.py mail  BUILD RUNS    dovecot.sh's and exim.sh's KEL_* likewise
-    bench.py smb   BUILD RUNS    with-smb.sh's KEL_SMB_* (a core-dialect server);
-                                 the reference is the stop-and-wait limit that
-                                 kelbench measures on the same server
+    bench.py smb   BUILD RUNS    the scripted peer bench/smb_peer.py on ports 137
+                                 and 139 (in a namespace), or with-smb.sh's
+                                 KEL_SMB_* server; the reference is the
+                                 stop-and-wait limit that kelbench measures on
+                                 the same peer
 
 Times are what each side measures around its own operation (kelbench's
 clock; curl's %{time_total}; kelbench_curl's clock), so process start is
@@ -221,18 +223,35 @@ def mail_in(build, runs, work, host, pop3_port, smtp_port, user, pw, maildir):
 
 
 def smb(build, runs):
-    share = os.environ["KEL_SMB_SHARE"]
-    os.makedirs(f"{share}/bench", exist_ok=True)
-    os.chmod(f"{share}/bench", 0o777)  # the server works as an account of its own
+    """Against the scripted peer (bench/smb_peer.py, started here on
+    127.0.0.1), or against the server that with-smb.sh names in KEL_SMB_*."""
+    server = os.environ.get("KEL_SMB_ADDR")
+    peer = None
+    if server:
+        share = os.environ["KEL_SMB_SHARE"]
+        os.makedirs(f"{share}/bench", exist_ok=True)
+        os.chmod(f"{share}/bench", 0o777)  # the server works as an account of its own
+        password, where = os.environ["KEL_SMB_PASS"], "core-dialect server"
+    else:
+        server, password, where = "127.0.0.1", "pw", "scripted peer"
+        peer = subprocess.Popen([sys.executable, os.path.join(os.path.dirname(__file__), "smb_peer.py"), server],
+                                stdout=subprocess.PIPE, text=True)
+        if peer.stdout.readline().strip() != "ready":
+            sys.exit("bench: the scripted SMB peer did not start")
     local = os.path.join(os.environ.get("TMPDIR", "/dev/shm"), f"kelbench-smb-{os.getpid()}.bin")
     results = []
-    for _ in range(runs):
-        fields = kel(build, "smb", os.environ["KEL_SMB_ADDR"], os.environ["KEL_SMB_PASS"], "64", local)
-        results.append(fields)
-        os.remove(f"{share}/bench/big.bin")
-        os.remove(local)
+    try:
+        for _ in range(runs):
+            results.append(kel(build, "smb", server, password, "64", local))
+            os.remove(local)
+            if peer is None:
+                os.remove(f"{share}/bench/big.bin")
+    finally:
+        if peer is not None:
+            peer.terminate()
+            peer.wait()
     for way, name in (("up", "SMB upload 64 MiB"), ("down", "SMB download 64 MiB")):
-        row = {"case": name, "runs": runs,
+        row = {"case": f"{name}, {where}", "runs": runs,
                "lib_MBps": statistics.median(float(r[f"smb_{way}_MBps"]) for r in results),
                "share_of_limit": statistics.median(float(r[f"smb_{way}_share"]) for r in results)}
         row.update(memory(results[-1]))
