@@ -1,10 +1,12 @@
-// The control connection: commands out, reply lines in, one byte per
-// receive so that nothing past a reply is ever taken from the socket.
+// The control connection: commands out, reply lines in. A line read peeks at
+// what has arrived and takes exactly the line's bytes, so that nothing past
+// a reply is ever taken from the socket.
 
 #include <string.h>
 
 #include "ftp_internal.h"
 #include "kelnet.h"
+#include "net_internal.h"
 
 kelResult kelFTPCMapReply(const kelFTPCReplyRow *rows, size_t count,
                           uint16_t code) {
@@ -46,19 +48,40 @@ kelResult kelFTPCSendCommand(kelFTPCSession *session, const char *word,
   return r;
 }
 
+// What a line read looks at per wait; the line buffer receives only the
+// bytes that the line takes.
+enum { KEL_FTPC_PEEK_WINDOW = 512 };
+
 kelResult kelFTPCReadLine(kelFTPCSession *session) {
   char *line = session->line;
   const uint32_t size = session->lineSize;
   uint32_t at = 0;
+  char window[KEL_FTPC_PEEK_WINDOW];
   for (;;) {
-    int n = kelNETRecvTimeo(session->controlSocket, line + at, 1, 0,
-                            session->timeoutMs);
-    if (n == KEL_NET_ERROR || n == KEL_NET_TIMEOUT) {
+    // Look at what has arrived, no more than the span leaves, and take up to
+    // and with the first LF in it, or all of it.
+    uint32_t room = size - at;
+    if (room > sizeof window) room = sizeof window;
+    int seen = kelNETPeekTimeo(session->controlSocket, window, room,
+                               session->timeoutMs);
+    if (seen == KEL_NET_ERROR || seen == KEL_NET_TIMEOUT) {
       kelFTPCProtoAbortConnect(session);
-      return n == KEL_NET_TIMEOUT ? KEL_FTPC_IO_TIMEOUT : KEL_FTPC_IO_FAILED;
+      return seen == KEL_NET_TIMEOUT ? KEL_FTPC_IO_TIMEOUT : KEL_FTPC_IO_FAILED;
     }
-    if (n != 1) return KEL_FTPC_IO_FAILED;
-    if (line[at] == '\n') {
+    if (seen <= 0) return KEL_FTPC_IO_FAILED;  // the peer closed
+    const void *lf = memchr(window, '\n', static_cast<size_t>(seen));
+    uint32_t take = lf ? static_cast<uint32_t>(static_cast<const char *>(lf) -
+                                               window) + 1
+                       : static_cast<uint32_t>(seen);
+    int got = kelNETTake(session->controlSocket, line + at, take);
+    if (got == KEL_NET_ERROR) {
+      kelFTPCProtoAbortConnect(session);
+      return KEL_FTPC_IO_FAILED;
+    }
+    if (got <= 0) return KEL_FTPC_IO_FAILED;
+    at += static_cast<uint32_t>(got);
+    if (lf && static_cast<uint32_t>(got) == take) {
+      at--;  // the LF
       if (at != 0 && line[at - 1] == '\r')
         line[at - 1] = '\0';
       else
@@ -67,7 +90,7 @@ kelResult kelFTPCReadLine(kelFTPCSession *session) {
     }
     // A long line keeps its first half for good; the rest runs through
     // the upper half again and again.
-    if (++at == size) at = size / 2;
+    if (at == size) at = size / 2;
   }
 }
 

@@ -50,10 +50,14 @@ KEL_API void kelMAILCloseSocket(int32_t socket);
 /* Sends text without its NUL in one send. A send that takes fewer bytes
  * than the text holds is KEL_MAIL_ERR_IO: the rest is not sent. */
 KEL_API kelResult kelMAILSendData(int32_t socket, const char *text);
-/* Reads one line, one byte per receive, into buffer of size bytes (at least
- * 2): up to and including CR LF, or size - 1 bytes, then a NUL. Nothing is
- * read ahead. A size below 2 or a null buffer reads nothing and gives
- * KEL_MAIL_ERR_IO. The peer's close during the line is KEL_MAIL_ERR_IO. */
+/* Reads one line into buffer of size bytes (at least 2): up to and including
+ * CR LF, or size - 1 bytes, then a NUL. Nothing is read ahead: the reader
+ * looks at what has arrived (waiting up to 10 s when nothing has) and
+ * receives exactly the bytes that belong to the line. On a failure the
+ * buffer holds the line's bytes received so far, without a NUL; bytes past
+ * them are not touched. A size below 2 or a null buffer reads nothing and
+ * gives KEL_MAIL_ERR_IO. The peer's close during the line is
+ * KEL_MAIL_ERR_IO. */
 KEL_API kelResult kelMAILRecvOneLine(int32_t socket, char *buffer,
                                      uint32_t size);
 

@@ -1,5 +1,5 @@
-// Base64 with the RFC 4648 alphabet. One table serves both directions: the
-// encoder indexes it, the decoder scans it.
+// Base64 with the RFC 4648 alphabet. The encoder indexes the alphabet; the
+// decoder a table of all byte values made from it at compile time.
 
 #include <string.h>
 
@@ -12,12 +12,31 @@ const char kTable[] =
 constexpr char kPad = '=';
 
 // Position 0 to 62 of the first equal table byte; anything else is 63, so
-// "/" and every character outside the alphabet decode alike.
-unsigned decodeChar(char c) {
-  for (unsigned i = 0; i < 63; i++)
-    if (kTable[i] == c) return i;
-  return 63;
-}
+// "/" and every character outside the alphabet decode alike. Kept as a
+// table of all 256 byte values, made once from the alphabet.
+struct DecodeTable {
+  unsigned char value[256];
+  constexpr DecodeTable() : value() {
+    for (unsigned c = 0; c < 256; c++) value[c] = 63;
+    for (unsigned i = 63; i-- > 0;) value[static_cast<unsigned char>(kTable[i])] = static_cast<unsigned char>(i);
+  }
+};
+constexpr DecodeTable kDecode;
+
+// The encoder's table of character pairs: 12 bits give two characters, so
+// three bytes take two look-ups.
+struct PairTable {
+  char pair[4096][2];
+  constexpr PairTable() : pair() {
+    for (unsigned v = 0; v < 4096; v++) {
+      pair[v][0] = kTable[v >> 6];
+      pair[v][1] = kTable[v & 63];
+    }
+  }
+};
+constexpr PairTable kPairs;
+
+unsigned decodeChar(char c) { return kDecode.value[static_cast<unsigned char>(c)]; }
 
 }  // namespace
 
@@ -32,10 +51,9 @@ char *kelMAILEncodeBase64(const void *data, uint32_t length) {
   uint32_t i = 0;
   for (; i + 3 <= length; i += 3) {
     uint32_t v = (uint32_t)in[i] << 16 | (uint32_t)in[i + 1] << 8 | in[i + 2];
-    *p++ = kTable[v >> 18];
-    *p++ = kTable[(v >> 12) & 63];
-    *p++ = kTable[(v >> 6) & 63];
-    *p++ = kTable[v & 63];
+    memcpy(p, kPairs.pair[v >> 12], 2);
+    memcpy(p + 2, kPairs.pair[v & 4095], 2);
+    p += 4;
   }
   if (length - i == 1) {
     *p++ = kTable[in[i] >> 2];
@@ -58,19 +76,29 @@ char *kelMAILDecodeBase64(const char *text, uint32_t length) {
   uint32_t size = length == 0 ? 1 : length;
   unsigned char *out = static_cast<unsigned char *>(kelMAILAlloc(size));
   if (out == nullptr) return nullptr;
-  memset(out, 0, size);
+  // Every byte that no group sets is zero; the decoded ones are written
+  // whole, and the rest of the block is cleared once at the end.
   unsigned char *p = out;
-  for (uint32_t g = 0; g < length / 4; g++, p += 3) {
+  for (uint32_t g = 0; g < length / 4; g++) {
     const char *c = text + g * 4;
     unsigned a = decodeChar(c[0]), b = decodeChar(c[1]);
-    p[0] = static_cast<unsigned char>(a << 2 | b >> 4);
-    p[1] = static_cast<unsigned char>(b << 4);
-    if (c[2] == kPad) break;
-    unsigned v = decodeChar(c[2]);
-    p[1] = static_cast<unsigned char>(p[1] | v >> 2);
-    p[2] = static_cast<unsigned char>(v << 6);
-    if (c[3] == kPad) break;
-    p[2] = static_cast<unsigned char>(p[2] | decodeChar(c[3]));
+    unsigned v = decodeChar(c[2]), w = decodeChar(c[3]);
+    if (c[2] == kPad || c[3] == kPad) {  // the last group
+      p[0] = static_cast<unsigned char>(a << 2 | b >> 4);
+      p[1] = static_cast<unsigned char>(b << 4);
+      p += 2;
+      if (c[2] != kPad) {
+        p[-1] = static_cast<unsigned char>(p[-1] | v >> 2);
+        *p++ = static_cast<unsigned char>(v << 6);
+      }
+      break;
+    }
+    uint32_t bits = a << 18 | b << 12 | v << 6 | w;
+    p[0] = static_cast<unsigned char>(bits >> 16);
+    p[1] = static_cast<unsigned char>(bits >> 8);
+    p[2] = static_cast<unsigned char>(bits);
+    p += 3;
   }
+  memset(p, 0, size - static_cast<uint32_t>(p - out));
   return reinterpret_cast<char *>(out);
 }

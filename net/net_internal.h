@@ -14,6 +14,17 @@ extern "C" {
 int kelNETWaitRead(int handle, int32_t timeoutMs);
 int kelNETWaitWrite(int handle, int32_t timeoutMs);
 
+/* The two halves of a line read that takes nothing past the line's end.
+ * kelNETPeekTimeo copies up to length bytes of what has arrived without
+ * taking them from the socket; when nothing has arrived it first waits for
+ * readability like kelNETRecvTimeo. A count (0 = the peer closed),
+ * KEL_NET_ERROR or KEL_NET_TIMEOUT.
+ * kelNETTake then takes length bytes that a peek has shown, with no wait: a
+ * count (at most length), 0 if the peer closed, or KEL_NET_ERROR. */
+int kelNETPeekTimeo(int handle, void *buffer, uint32_t length,
+                    int32_t timeoutMs);
+int kelNETTake(int handle, void *buffer, uint32_t length);
+
 /* Whether handle has a bit in an fd_set. */
 int kelNETHandleFits(int handle);
 

@@ -4,6 +4,7 @@
 #include "kelnet.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <netdb.h>
 #include <signal.h>
 #include <string.h>
@@ -78,6 +79,24 @@ int kelNETRecvTimeo(int handle, void *buffer, uint32_t length, int flags,
   int ready = kelNETWaitRead(handle, timeoutMs);
   if (ready < 0) return ready;
   return static_cast<int>(recv(handle, buffer, length, flags));
+}
+
+int kelNETPeekTimeo(int handle, void *buffer, uint32_t length,
+                    int32_t timeoutMs) {
+  // What has already arrived needs no wait: one look without blocking
+  // first, and the timed wait only when nothing is there. A handle that
+  // has no place in a wait set is refused as the wait refuses it.
+  if (!kelNETHandleFits(handle)) return KEL_NET_ERROR;
+  ssize_t seen = recv(handle, buffer, length, MSG_PEEK | MSG_DONTWAIT);
+  if (seen >= 0) return static_cast<int>(seen);
+  if (errno != EAGAIN && errno != EWOULDBLOCK) return KEL_NET_ERROR;
+  return kelNETRecvTimeo(handle, buffer, length, MSG_PEEK, timeoutMs);
+}
+
+int kelNETTake(int handle, void *buffer, uint32_t length) {
+  // The bytes are already there, so no wait: a plain receive.
+  int got = static_cast<int>(recv(handle, buffer, length, 0));
+  return got < 0 ? KEL_NET_ERROR : got;
 }
 
 int kelNETSendToTimeo(int handle, const void *buffer, uint32_t length,

@@ -58,21 +58,30 @@ const std::map<std::string, kelResult> kResults = {
 
 void script(kt::TcpPeer &p, const std::string &text) {
   p.stepTimeoutMs = 3000;
+  // Server lines in a row go out in one send, so that what the client finds
+  // at its next wait doesn't hang on how fast the peer's thread runs.
   std::istringstream lines(text);
+  std::string replies;
   for (std::string line; std::getline(lines, line, '|');) {
     std::string word, conn;
     std::istringstream(line) >> word >> conn;
+    if (word[0] == '<') {
+      replies += line.substr(1) + "\\r\\n";
+      continue;
+    }
+    if (!replies.empty()) kt::play(p, "S- " + replies), replies.clear();
     if (word == "login") line = "S: 220 ready\nC: USER u\nS: 230 in\nC: PWD\nS: 257 \"/home\" is current";
     if (word == "pasv") {
       uint16_t port = p.listen(conn + "L");
       line = "C: PASV\nS: 227 Entering Passive Mode (127,0,0,1," + std::to_string(port >> 8) + "," +
              std::to_string(port & 0xff) + ").\naccept " + conn + "L " + conn;
     }
-    if (word[0] == '<' || word[0] == '>') line = (word[0] == '<' ? "S: " : "C: ") + line.substr(1);
+    if (word[0] == '>') line = "C: " + line.substr(1);
     if (word == "port") line = "C: PASV\nS: 502 not here";
     kt::play(p, line);
     if (word == "port") p.expectLine("PORT 127,0,0,1,(\\d+,\\d+)\r\n", {conn + ".port"});
   }
+  if (!replies.empty()) kt::play(p, "S- " + replies);
 }
 
 // One call of the calls' text; true when the session is gone.
