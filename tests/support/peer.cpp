@@ -56,12 +56,22 @@ uint16_t closedPort() {
   return port;
 }
 
+// The sockets that keep full ports full, closed by closeHeldSockets().
+static std::vector<int> held;
+
+void closeHeldSockets() {
+  for (int s : held) ::close(s);
+  held.clear();
+}
+
 uint16_t fullPort() {
   uint16_t port = 0;
-  sockaddr_in a = loopbackAddress(listenLoopback(0, &port) < 0 ? 0 : port);
+  held.push_back(listenLoopback(0, &port));
+  sockaddr_in a = loopbackAddress(held.back() < 0 ? 0 : port);
   // Connect without accepting until an attempt no longer completes.
   for (int i = 0; port != 0 && i < 16; i++) {
     int s = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    held.push_back(s);
     pollfd p{s, POLLOUT, 0};
     if (::connect(s, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 && poll(&p, 1, 200) == 0) return port;
   }

@@ -13,7 +13,8 @@ uint16_t closedPort();
 
 // A port on 127.0.0.1 whose listener's accept queue is full, so that the
 // system drops further connection requests and a connect there can only
-// time out. Its sockets stay open until the program ends; 0 if none.
+// time out. Its sockets stay open until closeHeldSockets(); 0 if none.
 uint16_t fullPort();
+void closeHeldSockets();
 
 }  // namespace kt
