@@ -79,7 +79,9 @@ uint16_t fullPort() {
 }
 
 void Script::start() {
-  thread_ = std::thread([this] { std::all_of(steps_.begin(), steps_.end(), [](auto &s) { return s(); }); });
+  thread_ = std::thread([this] {
+    if (!std::all_of(steps_.begin(), steps_.end(), [](auto &s) { return s(); })) hangUp();
+  });
 }
 
 bool Script::finish() {
@@ -106,6 +108,15 @@ void Script::addStall(int ms) {
 TcpPeer::TcpPeer(uint16_t port) : port_(port) {
   fds_[""] = listenLoopback(8, &port_);
   accept("", kControl);
+}
+
+void TcpPeer::hangUp() {
+  for (auto &entry : fds_) {
+    int listening = 0;
+    socklen_t size = sizeof listening;
+    getsockopt(entry.second, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size);
+    if (!listening) shutdown(entry.second, SHUT_RDWR);  // listeners stay for later connects
+  }
 }
 
 TcpPeer::~TcpPeer() {
@@ -135,7 +146,9 @@ TcpPeer &TcpPeer::send(const std::string &bytes, const std::string &conn) {
 TcpPeer &TcpPeer::expect(const std::string &expected, const std::string &conn) {
   return step([expected, conn](TcpPeer &p) {
     std::string got;
-    while (got.size() < expected.size() && p.receive(conn, got, expected.size() - got.size()) > 0) {
+    // Reads on while what came so far is the expected bytes' beginning.
+    while (got.size() < expected.size() && expected.compare(0, got.size(), got) == 0 &&
+           p.receive(conn, got, expected.size() - got.size()) > 0) {
     }
     return got == expected || p.fail(conn + ": expected " + printable(expected) + ", got " + printable(got));
   });

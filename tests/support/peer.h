@@ -40,6 +40,9 @@ class Script {
   // True when fd has something to read (or its end) within the step's time.
   bool readable(int fd) const;
   void addStall(int ms);
+  // After a failed step: ends the connections, so that a client waiting for
+  // more doesn't wait out its time.
+  virtual void hangUp() {}
   std::vector<std::function<bool()>> steps_;
 
  private:
@@ -94,6 +97,7 @@ class TcpPeer : public Script {
   std::map<std::string, int> fds_;
   std::map<std::string, std::string> vars_;
   uint16_t port_ = 0;
+  void hangUp() override;
 };
 
 class UdpPeer : public Script {
