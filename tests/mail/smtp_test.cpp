@@ -1,16 +1,13 @@
 // The SMTP session against scripted servers: whole conversations byte by byte
-// for HELO and each mechanism, each failure with what it leaves behind, the
-// recipient lists, and allocation failures.
+// for HELO and each mechanism, each failure with what it leaves behind, and
+// the recipient lists (allocation failures: tests/robust).
 
-#include <sys/socket.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
 
 #include "mail_test.h"
-#include "sockets.h"
 
 // A fixed clock makes the boundary and the DIGEST-MD5 cnonce known.
 extern "C" time_t time(time_t *out) {
@@ -146,31 +143,6 @@ TEST_P(Roads, ExactBytesFromGreetingToClose) {
 
 INSTANTIATE_TEST_SUITE_P(Smtp, Roads, ::testing::ValuesIn(kRoads),
                          [](const testing::TestParamInfo<Road> &i) { return i.param.name; });
-
-// Every road that succeeds, with its nth allocation failing, for every n.
-TEST_F(Smtp, EveryAllocationMayFail) {
-  for (const Road &road : kRoads) {
-    bool done = road.result != KEL_OK || road.abort;
-    for (size_t n = 1; !done && n < 100; n++) {
-      SCOPED_TRACE(std::string(road.name) + " allocation " + std::to_string(n));
-      kt::TcpPeer peer;
-      size_t before = kelHostPoolAllocations();
-      kelHostPoolFailAt(n);
-      kelResult result = send(peer, road);
-      done = kelHostPoolAllocations() - before < n;
-      EXPECT_EQ(result, done ? KEL_OK : KEL_MAIL_ERR_MEMORY);
-      kelHostPoolFailAt(0);
-      EXPECT_EQ(kelHostPoolBlocksInUse(), 0u);
-      // A run that ended before it connected leaves the peer waiting.
-      const sockaddr_in address = kt::loopbackAddress(peer.port());
-      int idle = socket(AF_INET, SOCK_STREAM, 0);
-      EXPECT_EQ(connect(idle, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-      close(idle);
-      peer.finish();
-    }
-    EXPECT_TRUE(done);
-  }
-}
 
 TEST_F(Smtp, RefusalsBeforeAnyTraffic) {
   const std::string tooLong(128, 'x');

@@ -11,7 +11,6 @@
 #include <sstream>
 
 #include "ftp/ftp_internal.h"
-#include "kel_os.h"
 #include "kel_status.h"
 #include "kelmail.h"
 #include "kelnet.h"
@@ -78,13 +77,6 @@ kelResult pop3() {
   return r;
 }
 
-kelResult base64() {
-  char *text = kelMAILEncodeBase64("kel", 3), *bytes = text ? kelMAILDecodeBase64(text, 4) : nullptr;
-  bool same = bytes != nullptr && memcmp(bytes, "kel", 3) == 0;
-  for (char *block : {text, bytes}) orvOSWOrgFreeMemPart(0, block);
-  return same ? KEL_OK : KEL_MAIL_ERR_MEMORY;
-}
-
 // The server's side: $D is the passive listener's address, "message" reads
 // the mail to its end line. SMTP's conversation runs on the connection c.
 #define PASV(conn) "C: PASV\nS: 227 Entering Passive Mode (127,0,0,1,$D)\naccept dL " conn "\n"
@@ -125,7 +117,6 @@ const Road kRoads[] = {
     {"Pop3", POP3_USER "C: STAT\nS: +OK 1 320\nC: LAST\nS: +OK 0\nC: LIST\nS: +OK\nS: 1 320\nS: .\nC: RETR 1\n"
      "S: +OK\nS: hello\nS: .\nC: DELE 1\nS: +OK\nC: QUIT\nS: +OK\neof",
      pop3, KEL_MAIL_ERR_MEMORY, KEL_MAIL_ERR_IO, KEL_MAIL_ERR_REPLY},
-    {"Base64", "", base64, KEL_MAIL_ERR_MEMORY, KEL_OK, KEL_OK},
 };
 
 // What the server does besides the road: hang up at its nth line (0 is the
@@ -162,6 +153,7 @@ void hangUp(kt::TcpPeer &peer, const std::string &conn, int how) {
 kelResult run(const Road &road, const Hostile &h = {}, size_t failAt = 0) {
   kt::TcpPeer peer;
   uint16_t data = peer.listen("dL"), mail = peer.listen("mL");
+  kelNETIgnoreSignals();  // POP3 calls leave it to the caller
   const std::pair<uint32_t, const char *> texts[] = {
       {KEL_STATUS_SMTP_SERVER, "127.0.0.1"}, {KEL_STATUS_HELO_NAME, "kel-device"},
       {KEL_STATUS_MAIL_SENDER, "dev@kel.test"}, {KEL_STATUS_SMTP_AUTH_USER, "kel"},
@@ -199,14 +191,13 @@ kelResult run(const Road &road, const Hostile &h = {}, size_t failAt = 0) {
     }
     kt::play(peer, line);
   }
-  if (script != "") peer.start();
+  peer.start();
   kelHostPoolFailAt(failAt);
   kelResult result = road.calls();
   kelHostPoolFailAt(0);
   EXPECT_EQ(kelHostPoolBlocksInUse(), 0u);
   // A run that ended early leaves the peer waiting for a connection.
-  for (uint16_t port : {peer.port(), mail}) {
-    sockaddr_in a = kt::loopbackAddress(port);
+  for (sockaddr_in a : {kt::loopbackAddress(peer.port()), kt::loopbackAddress(mail)}) {
     int idle = socket(AF_INET, SOCK_STREAM, 0);
     connect(idle, reinterpret_cast<sockaddr *>(&a), sizeof a);
     close(idle);
@@ -215,14 +206,7 @@ kelResult run(const Road &road, const Hostile &h = {}, size_t failAt = 0) {
   return result;
 }
 
-class Robust : public kt::PoolGuard, public ::testing::WithParamInterface<Road> {
- protected:
-  void SetUp() override {
-    kt::PoolGuard::SetUp();
-    kelHostStatusReset();
-    kelNETIgnoreSignals();
-  }
-};
+class Robust : public kt::PoolGuard, public ::testing::WithParamInterface<Road> {};
 
 // The nth allocation fails, for every n until the road needs no more.
 TEST_P(Robust, EveryAllocationMayFail) {
@@ -241,7 +225,6 @@ TEST_P(Robust, EveryAllocationMayFail) {
 // middle of them, or ends them with 10 kB, NUL bytes or bytes above 0x7F.
 TEST_P(Robust, HostileServer) {
   const Road &road = GetParam();
-  if (road.script[0] == '\0') return;  // no server
   EXPECT_EQ(run(road), KEL_OK);
   for (int line = 0, lines = serverLines; line < lines; line++) {
     for (int how : {0, 1, 2}) {
