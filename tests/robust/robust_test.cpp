@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "ftp/ftp_internal.h"
@@ -29,6 +30,7 @@ namespace {
 uint16_t ftpPort;
 int serverLines;      // of the last run's script
 std::string cutConn;  // the connection that it hung up
+bool cutGreeting;     // at the connection's first line
 
 // Logs in, stores "abc" and reads it back in passive mode, ends.
 kelResult ftp() {
@@ -88,45 +90,39 @@ kelResult pop3() {
 #define SENT(c) "S" c ": 235 ok\nC" c ": MAIL FROM:<dev@kel.test>\nS" c ": 250 ok\nC" c ": RCPT TO:<a@kel.test>\n" \
   "S" c ": 250 ok\nC" c ": DATA\nS" c ": 354 go\nmessage " c "\nS" c ": 250 queued\nC" c ": QUIT\nS" c ": 221 bye"
 #define POP3_USER "S: +OK\nC: USER mrose\nS: +OK\nC: PASS tanstaafl\nS: +OK\n"
+#define MAIL KEL_MAIL_ERR_MEMORY, KEL_MAIL_ERR_IO, KEL_MAIL_ERR_CONNECT, KEL_MAIL_ERR_REPLY
 
 struct Road {
   const char *name;
   const char *script;
   kelResult (*calls)();
-  kelResult memory, cut, longLine;  // the results of a failed allocation, a hang-up, 10 kB reply lines
+  // The results of a failed allocation, a hang-up, a failed connect, 10 kB reply lines.
+  kelResult memory, cut, connect, longLine;
   int pop = 0;                      // before SMTP: 1 POP3 with USER and PASS, 2 with APOP
   int quitAt = -1;  // the line of POP3's reply to QUIT: a hang-up there ends only that step
 };
 
 const Road kRoads[] = {
-    {"Ftp", FTP, ftp, KEL_FTPC_BAD_SESSION, KEL_FTPC_BAD_REPLY, KEL_OK},
+    {"Ftp", FTP, ftp, KEL_FTPC_BAD_SESSION, KEL_FTPC_BAD_REPLY, KEL_FTPC_CONNECT_FAILED, KEL_OK},
     {"PopThenCramMd5", "S: +OK <1@h>\nC: APOP mrose 566ab9686f9bc1551276e0a92924557d\nS: +OK\nC: QUIT\nS: +OK\n"
      "eof\naccept mL m\n" EHLO("@m", "CRAM-MD5") "S@m: 334 PDE4OTYuNjk3MTcwOTUyQHBvc3RvZmZpY2UucmVzdG9uLm1jaS5uZXQ+\n"
-     "C@m: a2VsIDczM2JhODdlNjRlZDdlNDQxZjA2MmM0YWM2ZGIwMTAz\n" SENT("@m"),
-     smtp, KEL_MAIL_ERR_MEMORY, KEL_MAIL_ERR_IO, KEL_MAIL_ERR_REPLY, 2, 2},
+     "C@m: a2VsIDczM2JhODdlNjRlZDdlNDQxZjA2MmM0YWM2ZGIwMTAz\n" SENT("@m"), smtp, MAIL, 2, 2},
     {"PopThenLogin", POP3_USER "C: QUIT\nS: +OK\neof\naccept mL m\n" EHLO("@m", "LOGIN")
-     "S@m: 334 VXNlcm5hbWU6\nC@m: a2Vs\nS@m: 334 UGFzc3dvcmQ6\nC@m: c2VjcmV0\n" SENT("@m"),
-     smtp, KEL_MAIL_ERR_MEMORY, KEL_MAIL_ERR_IO, KEL_MAIL_ERR_REPLY, 1, 3},
+     "S@m: 334 VXNlcm5hbWU6\nC@m: a2Vs\nS@m: 334 UGFzc3dvcmQ6\nC@m: c2VjcmV0\n" SENT("@m"), smtp, MAIL, 1, 3},
     {"Plain", "S: 220 x\nC: EHLO kel-device\nS: 250 AUTH PLAIN\nC: AUTH PLAIN AGtlbABzZWNyZXQ=\n" SENT(""),
-     smtp, KEL_MAIL_ERR_MEMORY, KEL_MAIL_ERR_IO, KEL_MAIL_ERR_REPLY},
+     smtp, KEL_MAIL_ERR_MEMORY, KEL_MAIL_ERR_IO, KEL_MAIL_ERR_CONNECT, KEL_MAIL_ERR_REPLY},
     {"DigestMd5", EHLO("", "DIGEST-MD5") "S: 334 cmVhbG09InIiLG5vbmNlPSJuIixxb3A9ImF1dGgi\n"
      "C: Y2hhcnNldD11dGYtOCx1c2VybmFtZT0ia2VsIixyZWFsbT0iciIsbm9uY2U9Im4iLG5jPTAwMDAwMDAxLGNub25jZT0iYm05"
      "eWRHaHhkV0Z5Y25rMVpqVmxNVEF3TUE9PSIsZGlnZXN0LXVyaT0ic210cC8xMjcuMC4wLjEiLHJlc3BvbnNlPWY0ZGZkZjMxNmFh"
-     "MTdmNGUxYWI3MjJjODhjOWQ1ZDBlLHFvcD0iYXV0aCI=\n" SENT(""),
-     smtp, KEL_MAIL_ERR_MEMORY, KEL_MAIL_ERR_IO, KEL_MAIL_ERR_REPLY},
+     "MTdmNGUxYWI3MjJjODhjOWQ1ZDBlLHFvcD0iYXV0aCI=\n" SENT(""), smtp, MAIL},
     {"Pop3", POP3_USER "C: STAT\nS: +OK 1 320\nC: LAST\nS: +OK 0\nC: LIST\nS: +OK\nS: 1 320\nS: .\nC: RETR 1\n"
-     "S: +OK\nS: hello\nS: .\nC: DELE 1\nS: +OK\nC: QUIT\nS: +OK\neof",
-     pop3, KEL_MAIL_ERR_MEMORY, KEL_MAIL_ERR_IO, KEL_MAIL_ERR_REPLY},
+     "S: +OK\nS: hello\nS: .\nC: DELE 1\nS: +OK\nC: QUIT\nS: +OK\neof", pop3, MAIL},
 };
 
 // What the server does besides the road: hang up at its nth line (0 is the
 // first; how: 0 close, 1 reset, 2 close after the line's first two bytes),
 // stall in the middle of every reply line, or end every one with junk.
-struct Hostile {
-  int cutAt = -1, how = 0;
-  bool stall = false;
-  std::string junk;
-};
+struct Hostile { int cutAt = -1, how = 0; bool stall = false; std::string junk; };
 
 // Reads a mail on conn to its end line.
 bool readMessage(kt::TcpPeer &peer, const std::string &conn) {
@@ -170,12 +166,15 @@ kelResult run(const Road &road, const Hostile &h = {}, size_t failAt = 0) {
                                           std::to_string(data >> 8) + "," + std::to_string(data & 0xff));
   std::istringstream lines(script);
   serverLines = 0;
+  std::set<std::string> spoke;
   for (std::string line; std::getline(lines, line);) {
     std::smatch m;
     std::string conn = kt::TcpPeer::kControl, text;
     if (std::regex_match(line, m, std::regex("(S|message) ?(@(\\w+))?:? ?(.*)"))) {
       conn = m[3].matched ? m.str(3) : conn, text = m.str(4);
+      bool first = spoke.insert(conn).second;
       if (serverLines++ == h.cutAt) {
+        cutGreeting = first && conn[0] != 'd';
         if (h.how == 2) peer.send(kt::unescape(text.substr(0, 2)), conn);
         hangUp(peer, cutConn = conn, h.how);
         break;
@@ -230,8 +229,13 @@ TEST_P(Robust, HostileServer) {
     for (int how : {0, 1, 2}) {
       SCOPED_TRACE("hang-up " + std::to_string(how) + " at line " + std::to_string(line));
       kelResult got = run(road, {line, how, false, ""});
-      // The SMTP connect then finds no server; a reset data connection fails the read.
-      EXPECT_EQ(got, line == road.quitAt ? KEL_MAIL_ERR_CONNECT : how == 1 && cutConn[0] == 'd' ? KEL_FTPC_IO_FAILED : road.cut);
+      // At POP3's QUIT the SMTP connect then finds no server; a reset data
+      // connection fails the read; a reset greeting may reach the client
+      // while it still connects.
+      kelResult want = line == road.quitAt               ? road.connect
+                       : how == 1 && cutConn[0] == 'd' ? KEL_FTPC_IO_FAILED
+                                                       : road.cut;
+      EXPECT_EQ(got, how == 1 && cutGreeting && got == road.connect ? got : want);
     }
   }
   const std::pair<Hostile, kelResult> rows[] = {
