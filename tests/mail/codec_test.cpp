@@ -1,5 +1,7 @@
-// Base64 and MD5: published vectors, a reference on random data, the
-// decoder's rules for malformed text, block boundaries and the digest text.
+// The mail client's arithmetic on plain buffers: Base64 against published
+// vectors and a reference on random data, the decoder's rules for malformed
+// text; MD5 across block boundaries and in pieces; HMAC-MD5; the DIGEST-MD5
+// challenge parse and reply.
 
 #include <stdlib.h>
 #include <string.h>
@@ -51,15 +53,18 @@ TEST_F(Codec, Base64) {
   // bits stay, "=" first reads as 63, any byte outside the alphabet as "/".
   using S = std::string;
   const S rows[][2] = {
-      {"Zm9", S(3, '\0')}, {"Zm9vYg", S("foo\0\0\0", 6)}, {"Zg==Zm9v", S("f\0\0\0\0\0\0\0", 8)},
-      {"Zm8=Zm9v", S("fo\0\0\0\0\0\0", 8)}, {"Zh==", S("f\x10\0\0", 4)}, {"=Zm9", S("\xfd\x99\xbd\0", 4)},
-      {"Zm9*", S("fo\x7f\0", 4)}, {S("A\0AA", 4), S("\x03\xf0\0\0", 4)},
-      {"Zm9v\r\nYmFy", S("foo\xff\xf6\x26\0\0\0\0", 10)}};
+      {"Zm9vYg", S("foo\0\0\0", 6)}, {"Zg==Zm9v", S("f\0\0\0\0\0\0\0", 8)}, {"Zm8=Zm9v", S("fo\0\0\0\0\0\0", 8)},
+      {"Zh==", S("f\x10\0\0", 4)}, {"=Zm9", S("\xfd\x99\xbd\0", 4)}, {"Zm9*", S("fo\x7f\0", 4)},
+      {S("A\0AA", 4), S("\x03\xf0\0\0", 4)}, {"Zm9v\r\nYmFy", S("foo\xff\xf6\x26\0\0\0\0", 10)}};
   for (auto &row : rows) EXPECT_EQ(decode(row[0]), row[1]) << row[0];
   kelHostPoolFailAt(1);
-  EXPECT_EQ(kelMAILEncodeBase64("x", 1), nullptr);
-  kelHostPoolFailAt(1);
   EXPECT_EQ(decode("Zm9v"), "(null)");
+}
+
+std::string text(const unsigned char *digest) {
+  char out[40] = "not written";
+  kelMAILDigestText(digest, out);
+  return std::string(out, 33);
 }
 
 // The digest text of data fed in pieces; the context must be wiped.
@@ -71,9 +76,7 @@ std::string md5(const std::string &data, size_t piece) {
   unsigned char digest[16];
   kelMAILFinishMD5(digest, &context);
   EXPECT_EQ(memcmp(&context, &zero, sizeof zero), 0) << "context not wiped";
-  char text[40] = "not written";
-  kelMAILDigestText(digest, text);
-  return std::string(text, 33);
+  return text(digest);
 }
 
 TEST_F(Codec, Md5InAnyPiecesAcrossBlocks) {
@@ -88,12 +91,84 @@ TEST_F(Codec, Md5InAnyPiecesAcrossBlocks) {
        "57edf4a22be3c955ac49da2e2107b67a"},
       {fill.substr(0, 56), "46c9907fc908ee68b1e7b8e71286a518"}, {fill, "a66351d9c8f941b70a02eaf9c41e69c3"}};
   for (auto &row : rows)
-    for (size_t piece : {1, 3, 55, 56, 63, 64, 65, 200, 2000})
+    for (size_t piece : {1, 55, 64, 65, 2000})
       EXPECT_EQ(md5(row.first, piece), std::string(row.second, 33)) << row.first.size() << "/" << piece;
   kelMAILMD5Context c = {};  // the bit count carries into its high word
   c.count[0] = 0xfffffff8u;
   kelMAILUpdateMD5(&c, "a", 1);
   EXPECT_EQ(c.count[1], 1u);
+}
+
+TEST(HmacMd5, PublishedVectors) {
+  const std::string rows[][3] = {  // key, text, digest
+      // RFC 2202 cases 1, 2, 3 (RFC 2104's) and 6 (a key longer than a block is hashed first).
+      {std::string(16, '\x0b'), "Hi There", "9294727a3638bb1c13f48ef8158bfc9d"},
+      {"Jefe", "what do ya want for nothing?", "750c783e6ab0b503eaa86e310a5db738"},
+      {std::string(16, '\xaa'), std::string(50, '\xdd'), "56be34521d144c88dbb8c733f0e8b3f6"},
+      {std::string(80, '\xaa'), "Test Using Larger Than Block-Size Key - Hash Key First",
+       "6b1ab7fe4bd7bf8f0b62e6ce61b9d0cd"},
+      {std::string(64, 'k'), "x", "f38420ee2e6c7cd5d9977bffba49d984"},  // exactly one block: as it is
+      // RFC 2195's CRAM-MD5 example.
+      {"tanstaaftanstaaf", "<1896.697170952@postoffice.reston.mci.net>", "b913a602c7eda7a495b4e6e7334d3890"},
+  };
+  for (const auto &row : rows) {
+    unsigned char digest[16];
+    kelMAILHmacMd5(row[0].data(), uint32_t(row[0].size()), row[1].data(), uint32_t(row[1].size()), digest);
+    EXPECT_EQ(text(digest), row[2] + '\0') << row[1];
+  }
+}
+
+TEST(DigestMd5, ChallengeParse) {
+  const std::string big(255, 'n');
+  const std::pair<std::string, std::string> rows[] = {  // challenge, "realm|nonce|qop" or a failure
+      // Any order; of a qop list the first option; other directives unread.
+      {"qop=\"auth-int,auth\",charset=utf-8,nonce=\"a,b\",realm=\"\"", "|a,b|auth-int"},
+      {"nonce=\"n\",qop=\"auth\"", "no realm"},
+      {"realm=\"r\",nonce=\"n\"", "no qop"},
+      {"realm=\"r\",nonce=\"n\",qop=auth,x", "r|n|uth"},  // unquoted: the fixed offset eats a letter
+      // Quotes that never close, a key at the very end.
+      {"qop=\"auth\",nonce=\"n\",realm=\"open", "open"},
+      {"qop=\"auth\",nonce=\"n\",realm=", "at the end"},
+      // A value fills its buffer with 255 bytes; one more doesn't fit.
+      {"realm=\"r\",qop=\"auth\",nonce=\"" + big + "\"", "r|" + big + "|auth"},
+      {"realm=\"r\",qop=\"auth\",nonce=\"" + big + "n\"", "too long"},
+  };
+  for (const auto &row : rows) {
+    char realm[KEL_MAIL_DIGEST_VALUE_SIZE], nonce[sizeof realm], qop[sizeof realm];
+    kelResult result = kelMAILDigestParseChallenge(row.first.c_str(), realm, nonce, qop);
+    bool good = row.second.find('|') != std::string::npos;
+    EXPECT_EQ(result, good ? KEL_OK : KEL_MAIL_ERR_UNSUPPORTED) << row.first;
+    EXPECT_EQ(result ? row.second : std::string(realm) + "|" + nonce + "|" + qop, row.second);
+  }
+}
+
+TEST(DigestMd5, Reply) {
+  const std::string u(40, 'u'), r(20, 'r'), n29(29, 'n'), n30(30, 'n');
+  const char *cnonce = "OA6MHXh6VqTrRk", *uri = "imap/elwood.innosoft.com", *h = "smtp/h";
+  const struct {
+    const char *user;
+    kelMAILDigestValues values;
+    const char *reply;  // a part of the reply; null: refused
+  } rows[] = {
+      // RFC 2831's worked example, with its digest URI and cnonce.
+      {"chris", {"elwood.innosoft.com", "OA6MG9tEQGm2hh", "auth", cnonce, uri},
+       "charset=utf-8,username=\"chris\",realm=\"elwood.innosoft.com\",nonce=\"OA6MG9tEQGm2hh\",nc=00000001,"
+       "cnonce=\"OA6MHXh6VqTrRk\",digest-uri=\"imap/elwood.innosoft.com\","
+       "response=d388dad90d4bbd760a152321f2143af7,qop=\"auth\""},
+      // auth-int and auth-conf put 32 zeros behind the URI in A2; other options are refused.
+      {"chris", {"elwood.innosoft.com", "OA6MG9tEQGm2hh", "auth-int", cnonce, uri},
+       "response=89fdc8198a2499ec4b6d0045c00ae24a,"},
+      {"chris", {"elwood.innosoft.com", "OA6MG9tEQGm2hh", "uth", cnonce, uri}, nullptr},
+      // 161 bytes plus user, realm, nonce, server name and qop: 255 fit, 256 don't.
+      {u.c_str(), {r.c_str(), n29.c_str(), "auth", "bm9ydGhxdWFycnk1ZjVlMTAwMA==", h}, "qop=\"auth\""},
+      {u.c_str(), {r.c_str(), n30.c_str(), "auth", "bm9ydGhxdWFycnk1ZjVlMTAwMA==", h}, nullptr},
+  };
+  for (const auto &row : rows) {
+    char work[KEL_MAIL_DIGEST_VALUE_SIZE];
+    kelResult result = kelMAILDigestReply(work, row.user, "secret", &row.values);
+    EXPECT_EQ(result, row.reply ? KEL_OK : KEL_MAIL_ERR_UNSUPPORTED) << row.values.qop;
+    EXPECT_TRUE(row.reply == nullptr || strstr(work, row.reply) != nullptr) << work;
+  }
 }
 
 }  // namespace

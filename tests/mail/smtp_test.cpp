@@ -2,15 +2,11 @@
 // for HELO and each mechanism, each failure with what it leaves behind, the
 // recipient lists, and allocation failures.
 
-#include <sys/socket.h>
 #include <time.h>
-#include <unistd.h>
 
-#include <string>
 #include <vector>
 
 #include "mail_test.h"
-#include "sockets.h"
 
 // A fixed clock makes the boundary and the DIGEST-MD5 cnonce known.
 extern "C" time_t time(time_t *out) {
@@ -25,14 +21,14 @@ namespace {
 #define HELO "S: 220 x\n" OK("HELO kel-device")
 #define EHLO(auth) "S: 220 x\nC: EHLO kel-device\nS: 250-kel.test\nS: 250 AUTH " auth "\n"
 #define RCPT OK("MAIL FROM:<dev@kel.test>") OK("RCPT TO:<a@kel.test>") OK("RCPT TO:<b@kel.test>")
-#define DATA RCPT OK("RCPT TO:<c@kel.test>") OK("RCPT TO:<d@kel.test>") "C: DATA\nS: 354 go\n"     \
+#define ALL RCPT OK("RCPT TO:<c@kel.test>") OK("RCPT TO:<d@kel.test>") "C: DATA\n"
+#define DATA ALL "S: 354 go\n"                                                                      \
   "C- From: dev@kel.test\\r\\nTo: a@kel.test,\\r\\n    b@kel.test\\r\\nCc: c@kel.test\\r\\n"           \
   "Subject: =?utf-8?B?U3ViamVjdCBsaW5l?=\\r\\nMIME-version: 1.0\\r\\nContent-type: multipart/mixed; " \
   "boundary=\\\"" B "\\\"\\r\\nContent-transfer-encoding: 8bit\\r\\n\n"
 #define MESSAGE DATA "C- \\r\\n--" B "\\r\\nContent-Type: text/plain; charset=\\\"utf-8\\\"\\r\\n"        \
   "Content-Transfer-Encoding: 8bit\\r\\n\\r\\nHi\\r\\n\nC- \\r\\n--" B "--\\r\\n\\r\\n.\\r\\n\n"
 #define SENT MESSAGE "S: 250 queued\nC: QUIT\nS: 221 bye\neof"
-#define X50 "XXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXXX"
 
 const kelMAILSmtpRequest kRequest = {"a@kel.test;;b@kel.test;", "c@kel.test", ";d@kel.test", "Subject line"};
 
@@ -78,26 +74,15 @@ const Road kRoads[] = {
     // From here the start fails: the socket closes without QUIT, the pool is back
     // at zero and the caller's cell keeps the freed record's address.
     {"Greeting4xx", false, "S: 421 busy\neof", KEL_MAIL_ERR_REPLY},
-    {"Greeting5xx", false, "S: 554 go away\neof", KEL_MAIL_ERR_REPLY},
-    {"HeloRefused", false, "S: 220 x\nC: HELO kel-device\nS: 501 no\neof", KEL_MAIL_ERR_REPLY},
-    {"SenderRefused", false, HELO "C: MAIL FROM:<dev@kel.test>\nS: 451 later\neof", KEL_MAIL_ERR_REPLY},
     // The first refusal ends the envelope: no Cc or Bcc is tried.
     {"RecipientRefused", false, HELO RCPT "C: RCPT TO:<c@kel.test>\nS: 550 unknown\neof", KEL_MAIL_ERR_REPLY},
-    {"DataAnsweredWith2xx", false, HELO RCPT OK("RCPT TO:<c@kel.test>") OK("RCPT TO:<d@kel.test>")
-     "C: DATA\nS: 250 ok\neof", KEL_MAIL_ERR_REPLY},
-    {"EhloRefusedLate", true, "S: 220 x\nC: EHLO kel-device\nS: 250-kel.test\nS: 421 going\neof",
-     KEL_MAIL_ERR_REPLY},
+    {"DataAnsweredWith2xx", false, HELO ALL "S: 250 ok\neof", KEL_MAIL_ERR_REPLY},
     {"AuthWithoutUser", true, EHLO("PLAIN") "eof", KEL_MAIL_ERR_REPLY, ""},
-    // Names are case-sensitive; a name that ends one byte beyond 255 of the line is lost.
+    // Names are case-sensitive.
     {"LowerCaseNames", true, EHLO("cram-md5 plain login digest-md5") "eof", KEL_MAIL_ERR_UNSUPPORTED},
-    {"NameBehindTheLimit", true, EHLO(X50 X50 X50 X50 X50 " PLAIN") "eof", KEL_MAIL_ERR_UNSUPPORTED},
     {"CramMd5Refused", true, EHLO("CRAM-MD5") "C: AUTH CRAM-MD5\nS: 504 no\neof", KEL_MAIL_ERR_REPLY},
-    {"CramMd5WrongPassword", true, EHLO("CRAM-MD5") "C: AUTH CRAM-MD5\nS: 334 VXNlcm5hbWU6\n"
-     "C: a2VsIDQ5MGMzZGJiZDcwN2JkZTk0ZWViY2RjNTFkZjk2YzNj\nS: 535 no\neof", KEL_MAIL_ERR_REPLY},
     {"PlainAnsweredWith3xx", true, EHLO("PLAIN") "C: AUTH PLAIN AGtlbABzZWNyZXQ=\nS: 334 \neof",
      KEL_MAIL_ERR_REPLY},
-    {"LoginWrongPassword", true, EHLO("LOGIN") "C: AUTH LOGIN\nS: 334 VXNlcm5hbWU6\nC: a2Vs\n"
-     "S: 334 UGFzc3dvcmQ6\nC: c2VjcmV0\nS: 535 no\neof", KEL_MAIL_ERR_REPLY},
     // "User" is shorter than its word; a 3xx with no text is an empty prompt.
     {"LoginShortPrompt", true, EHLO("LOGIN") "C: AUTH LOGIN\nS: 334 VXNlcg==\neof", KEL_MAIL_ERR_UNSUPPORTED},
     {"LoginEmptyPrompt", true, EHLO("LOGIN") "C: AUTH LOGIN\nS: 334\neof", KEL_MAIL_ERR_UNSUPPORTED},
@@ -162,10 +147,9 @@ TEST_F(Smtp, EveryAllocationMayFail) {
       kelHostPoolFailAt(0);
       EXPECT_EQ(kelHostPoolBlocksInUse(), 0u);
       // A run that ended before it connected leaves the peer waiting.
-      const sockaddr_in address = kt::loopbackAddress(peer.port());
-      int idle = socket(AF_INET, SOCK_STREAM, 0);
-      EXPECT_EQ(connect(idle, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-      close(idle);
+      int32_t idle = -1;
+      EXPECT_EQ(kelMAILConnect(&idle, "127.0.0.1", peer.port()), KEL_OK);
+      kelMAILCloseSocket(idle);
       peer.finish();
     }
     EXPECT_TRUE(done);
@@ -175,12 +159,10 @@ TEST_F(Smtp, EveryAllocationMayFail) {
 TEST_F(Smtp, RefusalsBeforeAnyTraffic) {
   const std::string tooLong(128, 'x');
   const kelMAILSmtpRequest none = {";;", nullptr, nullptr, ""}, null = {nullptr, nullptr, nullptr, nullptr},
-                           longCc = {"a", tooLong.c_str(), nullptr, ""},
-                           longBcc = {"a", nullptr, tooLong.c_str(), ""};
+                           longCc = {"a", tooLong.c_str(), nullptr, ""};  // a Cc too long for its entry
   const std::pair<kelMAILSmtpRequest, kelResult> rows[] = {
-      {kRequest, KEL_MAIL_ERR_DISABLED},  {kRequest, KEL_MAIL_ERR_STATUS},
-      {none, KEL_MAIL_ERR_NO_RECIPIENT},   {null, KEL_MAIL_ERR_NO_RECIPIENT},
-      {longCc, KEL_MAIL_ERR_NO_RECIPIENT}, {longBcc, KEL_MAIL_ERR_NO_RECIPIENT}};
+      {kRequest, KEL_MAIL_ERR_DISABLED}, {kRequest, KEL_MAIL_ERR_STATUS}, {none, KEL_MAIL_ERR_NO_RECIPIENT},
+      {null, KEL_MAIL_ERR_NO_RECIPIENT}, {longCc, KEL_MAIL_ERR_NO_RECIPIENT}};
   for (const auto &row : rows) {
     bool early = row.second != KEL_MAIL_ERR_NO_RECIPIENT;  // the flag's failures leave the cell null
     kelHostStatusReset();

@@ -1,6 +1,6 @@
-"""mime_check.py DIR SUBJECT NAME...: reads a fetched message on stdin with
-Python's email package and compares it with what was sent: the text part is
-DIR/text, each attachment DIR/NAME. Prints each difference, exits 1 if any."""
+# mime_check.py DIR SUBJECT NAME...: reads a fetched message on stdin with
+# Python's email package and compares it with what was sent: the text part is
+# DIR/text, each attachment DIR/NAME. Prints each difference, exits 1 if any.
 import email
 import email.policy
 import os
