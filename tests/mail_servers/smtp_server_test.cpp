@@ -2,7 +2,7 @@
 // provider (see scripts/servers/exim.sh and dovecot.sh). A whole message for
 // HELO, EHLO, each mechanism alone and all four together, fetched back from
 // each mailbox with a POP3 round of the library's calls (both logins, STAT,
-// LIST, LAST's refusal, RETR, DELE, QUIT) and read by Python's email package;
+// LIST, RETR, DELE, QUIT) and read by Python's email package;
 // refusals that leave nothing open.
 
 #include <stdio.h>
@@ -59,8 +59,6 @@ std::string fetch(const char *box, bool apop) {
     uint16_t size = 0;
     EXPECT_EQ(count > 0 ? kelMAILGetMailSize(s, 1, &size) : KEL_OK, KEL_OK);
     EXPECT_EQ(size, (wire + 1023) / 1024);
-    EXPECT_EQ(kelMAILGetLastMail(s, &count), KEL_MAIL_ERR_REPLY);  // Dovecot has no LAST
-    EXPECT_STREQ(kelMAILRecvBuffer, "-ERR Unknown command: LAST\r\n");
     EXPECT_EQ(count > 0 ? kelMAILDeleteMail(s, 1) : KEL_OK, KEL_OK);
     EXPECT_EQ(kelMAILDisconnectPop3Server(s), KEL_OK);
   }
@@ -93,14 +91,13 @@ TEST_P(Exim, SendsEveryByteOrRefusesLeavingNothingOpen) {
   ASSERT_EQ(kelMAILStartSmtp(&request, &session), road.result);
   EXPECT_EQ(openFiles(), files + (road.result == KEL_OK));  // the one socket, or nothing left open
   if (road.result != KEL_OK) return;
-  // A text part and two attachments, one of 1 MiB with all four mechanisms.
+  // A text part and an attachment, of 1 MiB with all four mechanisms.
   const fs::path work = fs::temp_directory_path() / ("kel-smtp-" + std::to_string(getpid()));
   fs::create_directories(work);
-  std::string big(road.port == kAllFour ? 1 << 20 : 4096, '\0');
+  std::string big(road.port == kAllFour ? 1 << 20 : 4096, '\0');  // every byte value, CR LF among them
   for (size_t i = 0; i < big.size(); i++) big[i] = static_cast<char>((i * 7919) >> 5 ^ i);
   const std::string parts[][2] = {{"text", "Scanned on the device.\nZweite Zeile: \xc3\xbc\n.a dot first\n"},
-                                  {"notes \xc3\xbc.txt", std::string("notes\r\n= and \0 too", 19)},
-                                  {"scan.bin", big}};
+                                  {"scan \xc3\xbc.bin", big}};
   for (const auto &part : parts) {
     std::ofstream(work / part[0], std::ios::binary) << part[1];
     const bool text = part[0] == "text";
@@ -117,7 +114,7 @@ TEST_P(Exim, SendsEveryByteOrRefusesLeavingNothingOpen) {
   for (const char *box : {"to", "cc", "bcc"}) {
     const std::string message = fetch(box, box[0] == 'c');
     FILE *check = popen(("python3 " KEL_MIME_CHECK " '" + work.string() +
-                         "' 'Scan from kel-printer \xc3\xbc' 'notes \xc3\xbc.txt' scan.bin").c_str(), "w");
+                         "' 'Scan from kel-printer \xc3\xbc' 'scan \xc3\xbc.bin'").c_str(), "w");
     fwrite(message.data(), 1, message.size(), check);
     EXPECT_EQ(pclose(check), 0) << box;
   }
