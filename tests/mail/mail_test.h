@@ -10,8 +10,6 @@
 #include "pool_guard.h"
 #include "transcript.h"
 
-namespace mt {
-
 class Mail : public kt::PoolGuard {
  protected:
   void SetUp() override {
@@ -20,5 +18,3 @@ class Mail : public kt::PoolGuard {
     kelNETIgnoreSignals();
   }
 };
-
-}  // namespace mt

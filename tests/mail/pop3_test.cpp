@@ -10,7 +10,7 @@
 
 namespace {
 
-class Pop3 : public mt::Mail {};
+class Pop3 : public Mail {};
 
 // One conversation, a row per command: the reply and what the call makes of
 // it. Each failure leaves the socket open and usable, the reply and the

@@ -66,7 +66,7 @@ std::string fetch(const char *box, bool apop) {
   return message;
 }
 
-class Exim : public mt::Mail, public ::testing::WithParamInterface<Road> {};
+class Exim : public Mail, public ::testing::WithParamInterface<Road> {};
 
 TEST_P(Exim, SendsEveryByteOrRefusesLeavingNothingOpen) {
   if (getenv("KEL_SMTP_PORT") == nullptr) GTEST_SKIP() << "no SMTP server (scripts/servers/exim.sh)";
