@@ -27,7 +27,7 @@ struct Road {
   Port port;
   bool ehlo;
   kelResult result = KEL_OK;
-  const char *password = nullptr, *to = "to@kel.test";  // null: the right password
+  const char *password = nullptr;  // null: the right one
 };
 
 // The wrong password comes last: Dovecot slows down the logins after a failed one.
@@ -35,7 +35,6 @@ const Road kRoads[] = {
     {"Helo", kNoAuth, false},    {"EhloWithoutAuth", kNoAuth, true}, {"AllFour", kAllFour, true},
     {"CramMd5", kCramMd5, true}, {"Plain", kPlain, true},            {"Login", kLogin, true},
     {"DigestMd5", kDigestMd5, true}, {"Greeting5xx", kGreet5xx, true, KEL_MAIL_ERR_REPLY},
-    {"RecipientRefused", kNoAuth, true, KEL_MAIL_ERR_REPLY, nullptr, "to@kel.test;nobody@kel.test"},
     {"WrongPassword", kCramMd5, true, KEL_MAIL_ERR_REPLY, "wrong"},
 };
 
@@ -84,7 +83,7 @@ TEST_P(Exim, SendsEveryByteOrRefusesLeavingNothingOpen) {
   ASSERT_EQ(kelHostPoolSetSize(8u << 20), 0);  // room for the Base64 of 1 MiB
   for (auto &t : texts) kelHostStatusSetText(t.first, t.second);
   for (auto &n : numbers) kelHostStatusSetNumber(n[0], n[1]);
-  const kelMAILSmtpRequest request = {road.to, "cc@kel.test", "bcc@kel.test", "Scan from %printer \xc3\xbc"};
+  const kelMAILSmtpRequest request = {"to@kel.test", "cc@kel.test", "bcc@kel.test", "Scan %printer \xc3\xbc"};
   kelMAILSession *session = nullptr;
   auto openFiles = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
   const auto files = openFiles();
@@ -114,7 +113,7 @@ TEST_P(Exim, SendsEveryByteOrRefusesLeavingNothingOpen) {
   for (const char *box : {"to", "cc", "bcc"}) {
     const std::string message = fetch(box, box[0] == 'c');
     FILE *check = popen(("python3 " KEL_MIME_CHECK " '" + work.string() +
-                         "' 'Scan from kel-printer \xc3\xbc' 'scan \xc3\xbc.bin'").c_str(), "w");
+                         "' 'Scan kel-printer \xc3\xbc' 'scan \xc3\xbc.bin'").c_str(), "w");
     fwrite(message.data(), 1, message.size(), check);
     EXPECT_EQ(pclose(check), 0) << box;
   }
