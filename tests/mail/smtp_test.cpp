@@ -71,7 +71,7 @@ const Road kRoads[] = {
     // From here the start fails: the socket closes without QUIT, the pool is back
     // at zero and the caller's cell keeps the freed record's address.
     {"Greeting4xx", false, "S: 421 busy\neof", KEL_MAIL_ERR_REPLY},
-    {"ClosedMidLine", false, "S- 220 x\nclose", KEL_MAIL_ERR_IO},  // an I/O failure, never SIGPIPE
+    {"ClosedMidLine", false, "S- 220 x\nclose", KEL_MAIL_ERR_IO},  // an end mid-line: an I/O failure
     // The first refusal ends the envelope: no Cc or Bcc is tried.
     {"RecipientRefused", false, HELO RCPT "C: RCPT TO:<c@kel.test>\nS: 550 unknown\neof", KEL_MAIL_ERR_REPLY},
     {"DataAnsweredWith2xx", false, HELO ALL "S: 250 ok\neof", KEL_MAIL_ERR_REPLY},
