@@ -24,8 +24,7 @@ TEST_F(Pop3, EveryCallAndItsReplyRules) {
     kelResult result;
     long value;  // then the count (STAT, LAST) or size (LIST; 99: untouched)
   } rows[] = {
-      {"STAT", "+OK", KEL_OK, 0}, {"STAT", "+OK  -12 more", KEL_OK, -12},
-      {"STAT", "-ERR 9", KEL_MAIL_ERR_REPLY, -12},
+      {"STAT", "+OK", KEL_OK, 0}, {"STAT", "+OK  -12", KEL_OK, -12}, {"STAT", "-ERR 9", KEL_MAIL_ERR_REPLY, -12},
       // Units of 1024 rounded up; a later line wins; the low 16 bits; a line
       // that begins with "." ends the listing, whatever follows.
       {"LIST 2", R"(+OK\r\n1 100\r\n2 1025\r\n.)", KEL_OK, 2},

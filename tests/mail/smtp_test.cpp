@@ -2,6 +2,7 @@
 // for HELO and each mechanism, each failure with what it leaves behind, and
 // allocation failures; the parts of a message and the recipient lists.
 
+#include <string.h>
 #include <time.h>
 
 #include <vector>
@@ -39,43 +40,42 @@ const kelMAILSmtpRequest kRequest = {"a@kel.test;;b@kel.test;", "c@kel.test", ";
 
 struct Road {
   const char *name;
-  bool ehlo;
+  char hello;          // H: HELO, E: EHLO, A: HELO and an abort right after the start
   const char *script;  // from the greeting to the client's close
   kelResult result = KEL_OK;
-  bool abort = false;  // abort right after the start
 };
 
 const Road kRoads[] = {
-    {"Helo", false, HELO SENT},
+    {"Helo", 'H', HELO SENT},
     // No AUTH line: no authentication, whatever the device's user.
-    {"EhloWithoutAuth", true, "S: 220 x\nC: EHLO kel-device\nS: 250-kel.test\nS: 250 HELP\n" SENT},
+    {"EhloWithoutAuth", 'E', "S: 220 x\nC: EHLO kel-device\nS: 250-kel.test\nS: 250 HELP\n" SENT},
     // CRAM-MD5 first, whatever the server's order.
-    {"CramMd5", true, EHLO("LOGIN CRAM-MD5 PLAIN") "C: AUTH CRAM-MD5\n"
+    {"CramMd5", 'E', EHLO("LOGIN CRAM-MD5 PLAIN") "C: AUTH CRAM-MD5\n"
      "S: 334 PDE4OTYuNjk3MTcwOTUyQHBvc3RvZmZpY2UucmVzdG9uLm1jaS5uZXQ+\n"
      "C: a2VsIDczM2JhODdlNjRlZDdlNDQxZjA2MmM0YWM2ZGIwMTAz\nS: 235 ok\n" SENT},
-    {"Plain", true, "S: 220 x\nC: EHLO kel-device\nS: 250-AUTH=DIGEST-MD5 PLAIN\nS: 250 HELP\n"
+    {"Plain", 'E', "S: 220 x\nC: EHLO kel-device\nS: 250-AUTH=DIGEST-MD5 PLAIN\nS: 250 HELP\n"
      "C: AUTH PLAIN AGtlbABzZWNyZXQ=\nS: 235 ok\n" SENT},
     // Of several AUTH lines the last counts; prompts in any order.
-    {"Login", true, "S: 220 x\nC: EHLO kel-device\nS: 250-AUTH PLAIN\nS: 250 AUTH LOGIN\nC: AUTH LOGIN\n"
+    {"Login", 'E', "S: 220 x\nC: EHLO kel-device\nS: 250-AUTH PLAIN\nS: 250 AUTH LOGIN\nC: AUTH LOGIN\n"
      "S: 334 UGFzc3dvcmQ6\nC: c2VjcmV0\nS: 334 VXNlcm5hbWU6\nC: a2Vs\nS: 235 ok\n" SENT},
     // realm="r",nonce="n",qop="auth", and success right after the response, without
     // the rspauth step that real servers send (see the Exim test).
-    {"DigestMd5", true, EHLO("DIGEST-MD5") "C: AUTH DIGEST-MD5\n"
+    {"DigestMd5", 'E', EHLO("DIGEST-MD5") "C: AUTH DIGEST-MD5\n"
      "S: 334 cmVhbG09InIiLG5vbmNlPSJuIixxb3A9ImF1dGgi\n"
      "C: Y2hhcnNldD11dGYtOCx1c2VybmFtZT0ia2VsIixyZWFsbT0iciIsbm9uY2U9Im4iLG5jPTAwMDAwMDAxLGNub25jZT0iYm05"
      "eWRHaHhkV0Z5Y25rMVpqVmxNVEF3TUE9PSIsZGlnZXN0LXVyaT0ic210cC8xMjcuMC4wLjEiLHJlc3BvbnNlPWY0ZGZkZjMxNmFh"
      "MTdmNGUxYWI3MjJjODhjOWQ1ZDBlLHFvcD0iYXV0aCI=\nS: 235 ok\n" SENT},
     // Abort sends nothing; a refused message gets no QUIT.
-    {"Abort", false, HELO DATA "eof", KEL_OK, true},
-    {"MessageRefused", false, HELO MESSAGE "S: 554 rejected\neof", KEL_MAIL_ERR_REPLY},
+    {"Abort", 'A', HELO DATA "eof"},
+    {"MessageRefused", 'H', HELO MESSAGE "S: 554 rejected\neof", KEL_MAIL_ERR_REPLY},
     // From here the start fails: the socket closes without QUIT, the pool is back
     // at zero and the caller's cell keeps the freed record's address.
-    {"Greeting4xx", false, "S: 421 busy\neof", KEL_MAIL_ERR_REPLY},
-    {"ClosedMidLine", false, "S- 220 x\nclose", KEL_MAIL_ERR_IO},  // an end mid-line: an I/O failure
+    {"Greeting4xx", 'H', "S: 421 busy\neof", KEL_MAIL_ERR_REPLY},
+    {"ClosedMidLine", 'H', "S- 220 x\nclose", KEL_MAIL_ERR_IO},  // an end mid-line: an I/O failure
     // The first refusal ends the envelope: no Cc or Bcc is tried.
-    {"RecipientRefused", false, HELO RCPT "C: RCPT TO:<c@kel.test>\nS: 550 unknown\neof", KEL_MAIL_ERR_REPLY},
-    {"DataAnsweredWith2xx", false, HELO ALL "S: 250 ok\neof", KEL_MAIL_ERR_REPLY},
-    {"CramMd5Refused", true, EHLO("CRAM-MD5") "C: AUTH CRAM-MD5\nS: 504 no\neof", KEL_MAIL_ERR_REPLY},
+    {"RecipientRefused", 'H', HELO RCPT "C: RCPT TO:<c@kel.test>\nS: 550 unknown\neof", KEL_MAIL_ERR_REPLY},
+    {"DataAnsweredWith2xx", 'H', HELO ALL "S: 250 ok\neof", KEL_MAIL_ERR_REPLY},
+    {"CramMd5Refused", 'E', EHLO("CRAM-MD5") "C: AUTH CRAM-MD5\nS: 504 no\neof", KEL_MAIL_ERR_REPLY},
 };
 
 class Smtp : public Mail {
@@ -95,13 +95,12 @@ class Smtp : public Mail {
   kelMAILSession *session = nullptr;
   kelResult send(kt::TcpPeer &peer, const Road &road) {
     kelHostStatusSetNumber(KEL_STATUS_SMTP_PORT, peer.port());
-    kelHostStatusSetNumber(KEL_STATUS_SMTP_USE_EHLO, road.ehlo);
+    kelHostStatusSetNumber(KEL_STATUS_SMTP_USE_EHLO, road.hello == 'E');
     kt::play(peer, road.script).start();
-    session = nullptr;
     kelResult r = kelMAILStartSmtp(&kRequest, &session);
     const kelMAILSmtpPart text = {nullptr, KEL_MAIL_PART_KIND_TEXT};
     if (r != KEL_OK) return r;
-    if (road.abort) return kelMAILAbortEndSmtp(session);
+    if (road.hello == 'A') return kelMAILAbortEndSmtp(session);
     if ((r = kelMAILOpenSmtp(session, &text)) == KEL_OK) r = kelMAILWriteSmtp(session, "Hi\n", 3);
     if (r == KEL_OK) r = kelMAILCloseSmtp(session);
     return r == KEL_OK ? kelMAILEndSmtp(session) : (kelMAILAbortEndSmtp(session), r);
@@ -118,7 +117,7 @@ TEST_P(Roads, ExactBytesFromGreetingToClose) {
   EXPECT_EQ(send(peer, GetParam()), GetParam().result);
   EXPECT_NE(session, nullptr);
   EXPECT_TRUE(peer.finish()) << peer.failure();
-  for (size_t n = 1, done = GetParam().result != KEL_OK || GetParam().abort; !done; n++) {
+  for (size_t n = 1, done = GetParam().result != KEL_OK || GetParam().hello == 'A'; !done; n++) {
     kt::TcpPeer again;
     size_t before = kelHostPoolAllocations();
     kelHostPoolFailAt(n);
@@ -180,7 +179,11 @@ TEST_F(Smtp, PartsLinesAndState) {
   EXPECT_TRUE(peer.finish()) << peer.failure();
 }
 
-TEST_F(Smtp, AddressLists) {
+// The recipient lists; the subject template's expansion is cut at 255 bytes.
+TEST_F(Smtp, AddressListsAndSubjectLimit) {
+  char subject[512];
+  ASSERT_EQ(kelMAILEditStrings(subject, std::string(300, 'a').c_str()), KEL_OK);
+  EXPECT_EQ(strlen(subject), 255u);
   const std::string longest(127, 'x');
   const std::pair<std::string, std::vector<std::string>> rows[] = {  // none: KEL_MAIL_ERR_NO_RECIPIENT
       {longest + ";x", {longest, "x"}}, {";; ;a, b", {" ", "a, b"}},  // nothing is trimmed, no comma separates
