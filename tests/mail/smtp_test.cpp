@@ -1,6 +1,6 @@
 // The SMTP session against scripted servers: whole conversations byte by byte
-// for HELO and each mechanism, each failure with what it leaves behind, and
-// allocation failures; the parts of a message and the recipient lists.
+// for HELO and each mechanism, each failure with what it leaves behind; the
+// parts of a message and the recipient lists.
 
 #include <string.h>
 #include <time.h>
@@ -109,26 +109,12 @@ class Smtp : public Mail {
 
 class Roads : public Smtp, public ::testing::WithParamInterface<Road> {};
 
-// Then, on a road that succeeds, its nth allocation fails, for every n: the
-// start or the end fails on memory and gives everything back (the pool is
-// checked at the end of the test).
+// (Every allocation of these roads failing in turn: tests/robust.)
 TEST_P(Roads, ExactBytesFromGreetingToClose) {
   kt::TcpPeer peer;
   EXPECT_EQ(send(peer, GetParam()), GetParam().result);
   EXPECT_NE(session, nullptr);
   EXPECT_TRUE(peer.finish()) << peer.failure();
-  for (size_t n = 1, done = GetParam().result != KEL_OK || GetParam().hello == 'A'; !done; n++) {
-    kt::TcpPeer again;
-    size_t before = kelHostPoolAllocations();
-    kelHostPoolFailAt(n);
-    kelResult result = send(again, GetParam());
-    done = kelHostPoolAllocations() - before < n;
-    EXPECT_EQ(result, done ? KEL_OK : KEL_MAIL_ERR_MEMORY) << n;
-    int32_t idle = -1;  // a run that ended before it connected leaves the peer waiting
-    EXPECT_EQ(kelMAILConnect(&idle, "127.0.0.1", again.port()), KEL_OK);
-    kelMAILCloseSocket(idle);
-    again.finish();
-  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Smtp, Roads, ::testing::ValuesIn(kRoads),

@@ -61,7 +61,7 @@ kelResult smtp() {
   return r == KEL_OK ? kelMAILEndSmtp(s) : (kelMAILAbortEndSmtp(s), r);
 }
 
-// Every POP3 call once; the socket is the caller's to close.
+// POP3 calls from connect to QUIT; the socket is the caller's to close.
 kelResult pop3() {
   int32_t s = -1, n = 0;
   uint16_t size = 0;
@@ -69,11 +69,9 @@ kelResult pop3() {
   kelResult r = kelMAILConnectPop3Server(&s);
   if (r == KEL_OK) r = kelMAILLoginPop3Server(s);
   if (r == KEL_OK) r = kelMAILGetMailCount(s, &n);
-  if (r == KEL_OK) r = kelMAILGetLastMail(s, &n);
   if (r == KEL_OK) r = kelMAILGetMailSize(s, 1, &size);
   if (r == KEL_OK) r = kelMAILStartMailData(s, 1);
   while (r == KEL_OK && line[0] != '.') r = kelMAILRecvOneLinePop3(s, line, sizeof line);
-  if (r == KEL_OK) r = kelMAILDeleteMail(s, 1);
   if (r == KEL_OK && (r = kelMAILDisconnectPop3Server(s)) == KEL_OK) return r;
   if (s >= 0) kelMAILCloseSocket(s);
   return r;
@@ -115,22 +113,14 @@ const Road kRoads[] = {
      "C: Y2hhcnNldD11dGYtOCx1c2VybmFtZT0ia2VsIixyZWFsbT0iciIsbm9uY2U9Im4iLG5jPTAwMDAwMDAxLGNub25jZT0iYm05"
      "eWRHaHhkV0Z5Y25rMVpqVmxNVEF3TUE9PSIsZGlnZXN0LXVyaT0ic210cC8xMjcuMC4wLjEiLHJlc3BvbnNlPWY0ZGZkZjMxNmFh"
      "MTdmNGUxYWI3MjJjODhjOWQ1ZDBlLHFvcD0iYXV0aCI=\n" SENT(""), smtp, MAIL},
-    {"Pop3", POP3_USER "C: STAT\nS: +OK 1 320\nC: LAST\nS: +OK 0\nC: LIST\nS: +OK\nS: 1 320\nS: .\nC: RETR 1\n"
-     "S: +OK\nS: hello\nS: .\nC: DELE 1\nS: +OK\nC: QUIT\nS: +OK\neof", pop3, MAIL},
+    {"Pop3", POP3_USER "C: STAT\nS: +OK 1 320\nC: LIST\nS: +OK\nS: 1 320\nS: .\nC: RETR 1\n"
+     "S: +OK\nS: hello\nS: .\nC: QUIT\nS: +OK\neof", pop3, MAIL},
 };
 
 // What the server does besides the road: hang up at its nth line (0 is the
 // first; how: 0 close, 1 reset, 2 close after the line's first two bytes),
 // stall in the middle of every reply line, or end every one with junk.
 struct Hostile { int cutAt = -1, how = 0; bool stall = false; std::string junk; };
-
-// Reads a mail on conn to its end line.
-bool readMessage(kt::TcpPeer &peer, const std::string &conn) {
-  std::string mail;
-  while (mail.find("\r\n.\r\n") == std::string::npos && peer.receive(conn, mail, 65536) > 0) {
-  }
-  return mail.find("\r\n.\r\n") != std::string::npos || peer.fail("no end of the mail");
-}
 
 // The listeners close first, so that no later connect finds one.
 void hangUp(kt::TcpPeer &peer, const std::string &conn, int how) {
@@ -162,9 +152,8 @@ kelResult run(const Road &road, const Hostile &h = {}, size_t failAt = 0) {
       {KEL_STATUS_SMTP_PORT, road.pop != 0 ? mail : peer.port()}};
   for (auto &n : numbers) kelHostStatusSetNumber(n.first, n.second);
   ftpPort = peer.port();
-  std::string script = std::regex_replace(road.script, std::regex("\\$D"),
-                                          std::to_string(data >> 8) + "," + std::to_string(data & 0xff));
-  std::istringstream lines(script);
+  std::istringstream lines(std::regex_replace(road.script, std::regex("\\$D"),
+                                             std::to_string(data >> 8) + "," + std::to_string(data & 0xff)));
   serverLines = 0;
   std::set<std::string> spoke;
   for (std::string line; std::getline(lines, line);) {
@@ -180,8 +169,13 @@ kelResult run(const Road &road, const Hostile &h = {}, size_t failAt = 0) {
         break;
       }
     }
-    if (m.size() && m.str(1) == "message") {
-      peer.step([conn](kt::TcpPeer &p) { return readMessage(p, conn); });
+    if (m.size() && m.str(1) == "message") {  // the mail to its end line
+      peer.step([conn](kt::TcpPeer &p) {
+        std::string mail;
+        while (mail.find("\r\n.\r\n") == std::string::npos && p.receive(conn, mail, 65536) > 0) {
+        }
+        return mail.find("\r\n.\r\n") != std::string::npos || p.fail("no end of the mail");
+      });
       continue;
     }
     if (std::regex_search(text, std::regex("^(\\d{3}[ -]|[+]OK|-ERR)")) && text.compare(0, 3, "334") != 0) {
@@ -232,10 +226,9 @@ TEST_P(Robust, HostileServer) {
       // At POP3's QUIT the SMTP connect then finds no server; a reset data
       // connection fails the read; a reset greeting may reach the client
       // while it still connects.
-      kelResult want = line == road.quitAt               ? road.connect
-                       : how == 1 && cutConn[0] == 'd' ? KEL_FTPC_IO_FAILED
-                                                       : road.cut;
-      EXPECT_EQ(got, how == 1 && cutGreeting && got == road.connect ? got : want);
+      if (how == 1 && cutGreeting && got == road.connect) continue;
+      kelResult want = how == 1 && cutConn[0] == 'd' ? KEL_FTPC_IO_FAILED : road.cut;
+      EXPECT_EQ(got, line == road.quitAt ? road.connect : want);
     }
   }
   const std::pair<Hostile, kelResult> rows[] = {

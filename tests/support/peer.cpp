@@ -110,13 +110,10 @@ TcpPeer::TcpPeer(uint16_t port) : port_(port) {
   accept("", kControl);
 }
 
+// The client reads the end of each connection; a listener ignores it and
+// stays for later connects.
 void TcpPeer::hangUp() {
-  for (auto &entry : fds_) {
-    int listening = 0;
-    socklen_t size = sizeof listening;
-    getsockopt(entry.second, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size);
-    if (!listening) shutdown(entry.second, SHUT_RDWR);  // listeners stay for later connects
-  }
+  for (auto &entry : fds_) shutdown(entry.second, SHUT_WR);
 }
 
 TcpPeer::~TcpPeer() {
