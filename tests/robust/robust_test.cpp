@@ -179,7 +179,7 @@ kelResult run(const Road &road, const Hostile &h = {}, size_t failAt = 0) {
       continue;
     }
     if (std::regex_search(text, std::regex("^(\\d{3}[ -]|[+]OK|-ERR)")) && text.compare(0, 3, "334") != 0) {
-      if (h.stall) peer.send(text.substr(0, 2), conn).stall(30), line = "S@" + conn + ": " + text.substr(2);
+      if (h.stall) peer.send(text.substr(0, 1), conn).stall(30), line = "S@" + conn + ": " + text.substr(1);
       line += h.junk.empty() ? "" : " " + h.junk;
     }
     kt::play(peer, line);
