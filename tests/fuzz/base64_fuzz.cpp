@@ -1,7 +1,5 @@
 // The Base64 decoder on any text (challenges come from the server), and the
 // encoder and decoder as a round trip of the same bytes.
-#include <string.h>
-
 #include <vector>
 
 #include "feed.h"

@@ -4,21 +4,16 @@
 
 #include <stdint.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <initializer_list>
 
 #include "kelhost.h"
 #include "kelnet.h"
 
 namespace kf {
-
-// The lowest free descriptor: the same after a run as before it unless the
-// run left one open.
-inline int lowestFree() {
-  int fd = dup(0);
-  close(fd);
-  return fd;
-}
 
 // A result of the family whose codes begin with prefix (0x58A0 ...), or 0;
 // codes at or below limit pass too (the SMB client's folded server errors).
@@ -27,32 +22,26 @@ inline kelResult defined(kelResult r, uint32_t prefix, kelResult limit = 0) {
   return r;
 }
 
-// A connected pair: `client` has received all of the input and then the end
-// of the stream (or one datagram), so that no read waits. The other end
-// takes the client's sends until the run ends. The client end belongs to the
-// code under test; the run must close it and free every block.
+// A connected pair: `client` has received all of the input (the targets
+// take up to 64 kB) and then the end of the stream, or the input as one
+// datagram, so that no read waits. The other end takes the client's sends.
+// The client end belongs to the code under test: when the run ends, it must
+// be closed and every block of the pool given back.
 struct Feed {
-  int client = -1, server = -1, before = lowestFree();
+  int client, server, before = dup(0);
   Feed(const uint8_t *data, size_t size, int type = SOCK_STREAM) {
-    static const int quiet = kelNETIgnoreSignals();
-    (void)quiet;
+    [[maybe_unused]] static int quiet = kelNETIgnoreSignals();
     int pair[2];
-    if (socketpair(AF_UNIX, type, 0, pair) != 0) abort();
+    if (close(before) != 0 || socketpair(AF_UNIX, type, 0, pair) != 0) abort();
     client = pair[0];
     server = pair[1];
-    // A datagram goes whole; a stream takes what the pair holds (the
-    // targets refuse inputs above 64 kB).
-    for (size_t at = 0; at < size || type == SOCK_DGRAM;) {
-      ssize_t n = send(server, data + at, size - at, 0);
-      if (n < 0) abort();
-      if (type == SOCK_DGRAM) break;
-      at += static_cast<size_t>(n);
-    }
+    if (send(server, data, size, 0) != static_cast<ssize_t>(size)) abort();
     shutdown(server, SHUT_WR);
   }
   ~Feed() {
     close(server);
-    if (kelHostPoolBlocksInUse() != 0 || lowestFree() != before) abort();
+    int lowest = dup(0);  // the lowest free descriptor, as before the run
+    if (close(lowest) != 0 || lowest != before || kelHostPoolBlocksInUse() != 0) abort();
   }
 };
 

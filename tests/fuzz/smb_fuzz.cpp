@@ -4,7 +4,6 @@
 // and tree connect, create, write and close, open, read and close, delete,
 // and the close's tree disconnect and logoff.
 #include <stdio.h>
-#include <string.h>
 
 #include "feed.h"
 #include "smb/smb_internal.h"
@@ -13,20 +12,18 @@ namespace {
 
 kelResult defined(kelResult r) { return kf::defined(r, 0x58C0, 0xFFFF); }
 
-// One exchange of a request without arguments, in fresh zeroed buffers.
-void exchange(kelSMBCSession *s, int (*build)(uint8_t *, int32_t), uint8_t *reply) {
-  uint8_t request[SMB_BUFFER_SIZE] = {};
-  memset(reply, 0, SMB_BUFFER_SIZE);
-  defined(smb_exchange(s, request, build(request, sizeof request), reply, SMB_BUFFER_SIZE));
+int treeConnect(uint8_t *request, int32_t capacity) {
+  return smb_maketreeconnect(smbhdl, request, capacity, "\\\\server\\share");
 }
 
 void session(kelSMBCSession *s) {
-  uint8_t request[SMB_BUFFER_SIZE] = {}, reply[SMB_BUFFER_SIZE];
-  exchange(s, smb_makesessionrequest, reply);
-  exchange(s, smb_makenegotiate, reply);
-  memset(reply, 0, sizeof reply);
-  int length = smb_maketreeconnect(s, request, sizeof request, "\\\\server\\share");
-  defined(smb_exchange(s, request, length, reply, sizeof reply));
+  // The connect's exchanges behind its TCP connect, each in zeroed buffers.
+  uint8_t reply[SMB_BUFFER_SIZE];
+  for (auto build : {smb_makesessionrequest, smb_makenegotiate, treeConnect}) {
+    uint8_t request[SMB_BUFFER_SIZE] = {};
+    memset(reply, 0, sizeof reply);
+    defined(smb_exchange(s, request, build(request, sizeof request), reply, sizeof reply));
+  }
   s->state = 2;
   s->tid = smb_getword(reply + 4, 24);
 
@@ -44,8 +41,7 @@ void session(kelSMBCSession *s) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  static FILE *quiet = freopen("/dev/null", "w", stdout);  // the status reply prints
-  (void)quiet;
+  [[maybe_unused]] static FILE *quiet = freopen("/dev/null", "w", stdout);  // the MAC
   if (size < 1 || size > 65536) return 0;
   const int kind = data[0] % 3;
   kf::Feed feed(data + 1, size - 1, kind < 2 ? SOCK_DGRAM : SOCK_STREAM);
