@@ -7,7 +7,7 @@
 
 namespace {
 
-const char kTable[] =
+constexpr char kTable[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=";
 constexpr char kPad = '=';
 

@@ -114,7 +114,7 @@ kelResult kelMAILGetLastMail(int32_t socket, int32_t *last) {
 }
 
 kelResult kelMAILGetMailSize(int32_t socket, int32_t wanted, uint16_t *size) {
-  kelResult r = command(socket, "LIST\r\n");
+  kelResult r = command(socket, "%s\r\n", "LIST");
   if (r != KEL_OK) return r;
   long found = 0;
   // The listing is always read to its end, the line that begins with ".".
@@ -148,7 +148,7 @@ kelResult kelMAILDeleteMail(int32_t socket, int32_t number) {
 }
 
 kelResult kelMAILDisconnectPop3Server(int32_t socket) {
-  kelResult r = command(socket, "QUIT\r\n");
+  kelResult r = command(socket, "%s\r\n", "QUIT");
   if (r == KEL_OK) kelMAILCloseSocket(socket);
   return r;
 }
