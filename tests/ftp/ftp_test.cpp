@@ -331,6 +331,8 @@ TEST_F(Ftp, AbortEnd) {
   run(start + "STOR /home/" + n128 + "|<150 go|eof@d|<426 broken|" + bye, "connect|put /home " + n128 + "|abort");
   run(start + "RETR /home/g|<150 go|eof@d|<426 broken|>QUIT|eof", "connect|get /home g|abort=odd");
   run(start + "RETR /home/g|<150 go|eof", "connect|get /home g|read=timeout|sockets=000|flags=34", kShortMs);
+  // The end in the middle of a store closes the data connection before QUIT.
+  run(start + "STOR /home/f|<150 go|eof@d|" + bye, "connect|put /home f|end");
 }
 
 }  // namespace
