@@ -124,14 +124,12 @@ struct Hostile { int cutAt = -1, how = 0; bool stall = false; std::string junk; 
 
 // The listeners close first, so that no later connect finds one.
 void hangUp(kt::TcpPeer &peer, const std::string &conn, int how) {
-  peer.close("dL").close("mL").step([conn, how](kt::TcpPeer &p) {
-    linger now = {how == 1, 0};
-    setsockopt(p.fd(conn), SOL_SOCKET, SO_LINGER, &now, sizeof now);
+  peer.close("dL").close("mL").step([conn](kt::TcpPeer &p) {
     for (const char *other : {"ctl", "m", "d1", "d2"})
       if (other != conn) shutdown(p.fd(other), SHUT_RDWR);
     return true;
   });
-  peer.close(conn);
+  peer.close(conn, how == 1);
 }
 
 // Plays road's server, hostile as h says, against the road's calls with the

@@ -173,8 +173,10 @@ TcpPeer &TcpPeer::expectEof(const std::string &conn) {
   });
 }
 
-TcpPeer &TcpPeer::close(const std::string &conn) {
-  return step([conn](TcpPeer &p) {
+TcpPeer &TcpPeer::close(const std::string &conn, bool reset) {
+  return step([conn, reset](TcpPeer &p) {
+    linger now = {reset, 0};  // on: the close sends a reset
+    setsockopt(p.fd(conn), SOL_SOCKET, SO_LINGER, &now, sizeof now);
     ::close(p.fd(conn));
     return p.fds_.erase(conn) == 1 || p.fail("no connection " + conn + " to close");
   });

@@ -77,7 +77,7 @@ class TcpPeer : public Script {
   // The client closes with nothing more sent.
   TcpPeer &expectEof(const std::string &conn = kControl);
   TcpPeer &stall(int ms) { return addStall(ms), *this; }
-  TcpPeer &close(const std::string &conn = kControl);
+  TcpPeer &close(const std::string &conn = kControl, bool reset = false);
   // Accepts one connection on listener into conn.
   TcpPeer &accept(const std::string &listener, const std::string &conn);
   // Connects to 127.0.0.1 at the port held in the variable portVariable,
