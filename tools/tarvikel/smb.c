@@ -3,6 +3,7 @@
 #define _GNU_SOURCE
 #include <fcntl.h>
 #include <getopt.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -135,6 +136,9 @@ int tk_smb(int argc, char **argv) {
                                           {0, 0, 0, 0}};
   int status = tk_parse(argc, argv, TK_COMMON_SHORT "s:n:p:", options, kHelp, option);
   if (status != TK_GO_ON) return status;
+  /* The SMB calls leave SIGPIPE to the application: a server that resets the
+   * connection must give a failed call, not end the command. */
+  signal(SIGPIPE, SIG_IGN);
   const char *action = optind < argc ? argv[optind] : "";
   char **operand = argv + optind + 1;
   int operands = argc - optind - 1;
