@@ -108,6 +108,11 @@ int tk_parse(int argc, char **argv, const char *shortOptions, const struct optio
 const char *tk_basename(const char *path);
 /* Reads a whole file, or standard input for "-". */
 int tk_read_all(const char *path, unsigned char **data, size_t *size);
+/* Streams in through a family's write call in blocks, with the progress bar
+ * and the data calls' report; the first failure ends it. */
+typedef kelResult (*tk_writer)(void *session, const void *data, uint32_t count);
+int tk_put_stream(FILE *in, uint64_t size, const char *label, enum tk_family family,
+                  const char *call, tk_writer write, void *session);
 
 /* ---- subcommands ---- */
 int tk_ftp(int argc, char **argv);

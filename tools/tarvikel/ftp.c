@@ -55,26 +55,14 @@ static int split(const char *path, struct remote *out) {
   return TK_OK;
 }
 
+static kelResult writeData(void *s, const void *data, uint32_t count) { return kelFTPCWrite(s, data, count); }
+
 static int put(kelFTPCSession *s, const kelFTPCFileRecord *file, FILE *in, uint64_t size) {
-  static unsigned char block[BLOCK];
-  struct tk_progress bar;
   kelResult r = tk_step(kelFTPCWriteOpen(s, file), F, "kelFTPCWriteOpen(\"%s\", \"%s\")",
                         file->directory, file->fileName);
   if (r != KEL_OK) return tk_failed(r, F);
-  unsigned long calls = 0;
-  uint64_t total = 0;
-  size_t n;
-  tk_progress_start(&bar, file->fileName, size);
-  while (r == KEL_OK && (n = fread(block, 1, sizeof block, in)) > 0) {
-    r = tk_data(kelFTPCWrite(s, block, (uint32_t)n), F, "kelFTPCWrite", n);
-    calls++;
-    total += n;
-    tk_progress_add(&bar, n);
-  }
-  tk_progress_end(&bar);
-  tk_data_total(r, F, "kelFTPCWrite", calls, total);
-  if (r != KEL_OK) return tk_failed(r, F);
-  if (ferror(in)) return tk_error(TK_LOCAL, "the local file can't be read");
+  int status = tk_put_stream(in, size, file->fileName, F, "kelFTPCWrite", writeData, s);
+  if (status != TK_OK) return status;
   r = tk_step(kelFTPCWriteClose(s), F, "kelFTPCWriteClose()");
   return r == KEL_OK ? TK_OK : tk_failed(r, F);
 }

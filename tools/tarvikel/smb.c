@@ -13,7 +13,6 @@
 #include "cmd.h"
 #include "kelsmbc.h"
 
-#define BLOCK 32768
 #define F TK_FAMILY_SMB
 
 static const char kHelp[] =
@@ -62,25 +61,13 @@ static void folders(const char *unc, char *out, size_t size) {
   }
 }
 
+static kelResult writeData(void *s, const void *data, uint32_t count) { return kelSMBCWrite(s, data, count); }
+
 static int put(kelSMBCSession *s, const kelSMBCFileRecord *file, FILE *in, uint64_t size) {
-  static unsigned char block[BLOCK];
-  struct tk_progress bar;
   kelResult r = tk_step(kelSMBCWriteOpen(s, file), F, "kelSMBCWriteOpen(\"%s\")", file->file);
   if (r != KEL_OK) return tk_failed(r, F);
-  unsigned long calls = 0;
-  uint64_t total = 0;
-  size_t n;
-  tk_progress_start(&bar, file->file, size);
-  while (r == KEL_OK && (n = fread(block, 1, sizeof block, in)) > 0) {
-    r = tk_data(kelSMBCWrite(s, block, (uint32_t)n), F, "kelSMBCWrite", n);
-    calls++;
-    total += n;
-    tk_progress_add(&bar, n);
-  }
-  tk_progress_end(&bar);
-  tk_data_total(r, F, "kelSMBCWrite", calls, total);
-  if (r != KEL_OK) return tk_failed(r, F);
-  if (ferror(in)) return tk_error(TK_LOCAL, "the local file can't be read");
+  int status = tk_put_stream(in, size, file->file, F, "kelSMBCWrite", writeData, s);
+  if (status != TK_OK) return status;
   r = tk_step(kelSMBCWriteClose(s), F, "kelSMBCWriteClose()");
   return r == KEL_OK ? TK_OK : tk_failed(r, F);
 }
