@@ -37,10 +37,7 @@ kelResult openFile(kelSMBCSession *session, char *path, const char *file,
                    PathBuilder build, Buffers &b, bool keepPath) {
   char share[SMB_BUFFER_SIZE];
   char filePath[SMB_BUFFER_SIZE];
-  memset(share, 0, sizeof share);
-  memset(filePath, 0, sizeof filePath);
-  memset(checkdirpath, 0, sizeof checkdirpath);
-  smb_splitpath(path, file, share, filePath);
+  smb_splitfresh(path, file, share, filePath);
   if (keepPath) memcpy(session->remotePath, filePath, sizeof session->remotePath);
   kelResult r = pathExchange(session, b, smb_makecheckdir, checkdirpath);
   return r != KEL_OK ? r : pathExchange(session, b, build, filePath);

@@ -55,3 +55,10 @@ void smb_splitpath(char *path, const char *file, char *share,
 }
 
 }  // extern "C"
+
+void smb_splitfresh(char *path, const char *file, char *share, char *filePath) {
+  memset(share, 0, SMB_BUFFER_SIZE);
+  memset(filePath, 0, SMB_BUFFER_SIZE);
+  memset(checkdirpath, 0, sizeof checkdirpath);
+  smb_splitpath(path, file, share, filePath);
+}

@@ -92,10 +92,7 @@ kelResult kelSMBCprotoConnect(kelSMBCSession *session, char *path,
 
   char share[SMB_BUFFER_SIZE];
   char filePath[SMB_BUFFER_SIZE];
-  memset(share, 0, sizeof share);
-  memset(filePath, 0, sizeof filePath);
-  memset(checkdirpath, 0, sizeof checkdirpath);
-  smb_splitpath(path, file, share, filePath);
+  smb_splitfresh(path, file, share, filePath);
 
   memset(request, 0, sizeof request);
   memset(reply, 0, sizeof reply);

@@ -112,4 +112,8 @@ kelResult nb_nameexchange(kelSMBCSession *session);
 
 }  // extern "C"
 
+// A split as its callers make it: both out buffers (SMB_BUFFER_SIZE bytes
+// each) and checkdirpath zeroed, then smb_splitpath.
+void smb_splitfresh(char *path, const char *file, char *share, char *filePath);
+
 #endif
