@@ -108,6 +108,19 @@ int tk_parse(int argc, char **argv, const char *shortOptions, const struct optio
 const char *tk_basename(const char *path);
 /* Reads a whole file, or standard input for "-". */
 int tk_read_all(const char *path, unsigned char **data, size_t *size);
+/* The operands of put, get and rm from optind on (tk_command becomes
+ * "FAMILY ACTION"): REMOTE and LOCAL, each defaulting to the other's base
+ * name. For put, tk_open_source opens LOCAL ("-": standard input) and learns
+ * its size when it is a regular file; tk_close_source closes it. */
+struct tk_transfer {
+  int put, get;
+  const char *remote, *local;
+  FILE *in;
+  uint64_t size;
+};
+int tk_transfer_args(const char *family, int argc, char **argv, struct tk_transfer *t);
+int tk_open_source(struct tk_transfer *t);
+void tk_close_source(struct tk_transfer *t);
 /* Streams in through a family's write call in blocks, with the progress bar
  * and the data calls' report; the first failure ends it. */
 typedef kelResult (*tk_writer)(void *session, const void *data, uint32_t count);

@@ -3,6 +3,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "cmd.h"
 
@@ -53,4 +55,37 @@ int tk_put_stream(FILE *in, uint64_t size, const char *label, enum tk_family fam
   if (r != KEL_OK) return tk_failed(r, family);
   if (ferror(in)) return tk_error(TK_LOCAL, "the local file can't be read");
   return TK_OK;
+}
+
+int tk_transfer_args(const char *family, int argc, char **argv, struct tk_transfer *t) {
+  static char command[16];
+  const char *action = optind < argc ? argv[optind] : "";
+  char **operand = argv + optind + 1;
+  int operands = argc - optind - 1;
+  memset(t, 0, sizeof *t);
+  t->put = strcmp(action, "put") == 0;
+  t->get = strcmp(action, "get") == 0;
+  if (!t->put && !t->get && strcmp(action, "rm") != 0)
+    return tk_usage("put, get or rm, not '%s'", action);
+  snprintf(command, sizeof command, "%s %s", family, action);
+  tk_command = command;
+  if (operands < 1 || operands > (t->put || t->get ? 2 : 1)) return tk_usage("wrong number of operands");
+  if (t->put && strcmp(operand[0], "-") == 0 && operands < 2)
+    return tk_usage("standard input needs a REMOTE name");
+  const char *other = operands > 1 ? operand[1] : tk_basename(operand[0]);
+  t->remote = t->put ? other : operand[0];
+  t->local = t->get ? other : operand[0];
+  return TK_GO_ON;
+}
+
+int tk_open_source(struct tk_transfer *t) {
+  struct stat info;
+  t->in = strcmp(t->local, "-") == 0 ? stdin : fopen(t->local, "rb");
+  if (t->in == NULL) return tk_error(TK_LOCAL, "%s can't be read", t->local);
+  if (fstat(fileno(t->in), &info) == 0 && S_ISREG(info.st_mode)) t->size = (uint64_t)info.st_size;
+  return TK_GO_ON;
+}
+
+void tk_close_source(struct tk_transfer *t) {
+  if (t->in != NULL && t->in != stdin) fclose(t->in);
 }

@@ -109,34 +109,16 @@ int tk_ftp(int argc, char **argv) {
                                           {0, 0, 0, 0}};
   int status = tk_parse(argc, argv, TK_COMMON_SHORT "s:u:p:", options, kHelp, option);
   if (status != TK_GO_ON) return status;
-  const char *action = optind < argc ? argv[optind] : "";
-  char **operand = argv + optind + 1;
-  int operands = argc - optind - 1;
-  int isPut = strcmp(action, "put") == 0, isGet = strcmp(action, "get") == 0;
-  if (!isPut && !isGet && strcmp(action, "rm") != 0)
-    return tk_usage("put, get or rm, not '%s'", action);
-  tk_command = isPut ? "ftp put" : isGet ? "ftp get" : "ftp rm";
-  if (operands < 1 || operands > (isPut || isGet ? 2 : 1))
-    return tk_usage("wrong number of operands");
-  if (isPut && strcmp(operand[0], "-") == 0 && operands < 2)
-    return tk_usage("standard input needs a REMOTE name");
-  const char *remotePath = isPut ? (operands > 1 ? operand[1] : tk_basename(operand[0])) : operand[0];
-  const char *local = isGet ? (operands > 1 ? operand[1] : tk_basename(operand[0])) : operand[0];
+  struct tk_transfer t;
+  if ((status = tk_transfer_args("ftp", argc, argv, &t)) != TK_GO_ON) return status;
   struct remote remote;
-  if ((status = split(remotePath, &remote)) != TK_OK) return status;
+  if ((status = split(t.remote, &remote)) != TK_OK) return status;
   if ((status = tk_settings_load()) != TK_OK) return status;
   if ((status = tk_require("FTP_SERVER", "--server")) != TK_OK ||
       (status = tk_require("FTP_USER", "--user")) != TK_OK)
     return status;
 
-  FILE *in = NULL;
-  uint64_t size = 0;
-  if (isPut) {
-    struct stat info;
-    in = strcmp(local, "-") == 0 ? stdin : fopen(local, "rb");
-    if (in == NULL) return tk_error(TK_LOCAL, "%s can't be read", local);
-    if (fstat(fileno(in), &info) == 0 && S_ISREG(info.st_mode)) size = (uint64_t)info.st_size;
-  }
+  if (t.put && (status = tk_open_source(&t)) != TK_GO_ON) return status;
   kelFTPCServerRecord server = {tk_get("FTP_SERVER"), tk_get("FTP_USER"), tk_get("FTP_PASSWORD")};
   kelFTPCFileRecord file = {remote.directory, remote.name};
   kelFTPCSession *session = NULL;
@@ -145,10 +127,10 @@ int tk_ftp(int argc, char **argv) {
   if (r != KEL_OK) {
     status = tk_failed(r, F);
   } else {
-    if (isPut)
-      status = put(session, &file, in, size);
-    else if (isGet)
-      status = get(session, &file, local);
+    if (t.put)
+      status = put(session, &file, t.in, t.size);
+    else if (t.get)
+      status = get(session, &file, t.local);
     else if ((r = tk_step(kelFTPCProtoDelete(session, file.directory, file.fileName), F,
                           "kelFTPCProtoDelete(\"%s\", \"%s\")", file.directory,
                           file.fileName)) != KEL_OK)
@@ -160,6 +142,6 @@ int tk_ftp(int argc, char **argv) {
       r = tk_step(kelFTPCAbortEnd(session), F, "kelFTPCAbortEnd()");
     if (status == TK_OK && r != KEL_OK) status = tk_failed(r, F);
   }
-  if (in != NULL && in != stdin) fclose(in);
+  tk_close_source(&t);
   return status;
 }

@@ -126,22 +126,10 @@ int tk_smb(int argc, char **argv) {
   /* The SMB calls leave SIGPIPE to the application: a server that resets the
    * connection must give a failed call, not end the command. */
   signal(SIGPIPE, SIG_IGN);
-  const char *action = optind < argc ? argv[optind] : "";
-  char **operand = argv + optind + 1;
-  int operands = argc - optind - 1;
-  int isPut = strcmp(action, "put") == 0, isGet = strcmp(action, "get") == 0;
-  if (!isPut && !isGet && strcmp(action, "rm") != 0)
-    return tk_usage("put, get or rm, not '%s'", action);
-  tk_command = isPut ? "smb put" : isGet ? "smb get" : "smb rm";
-  if (operands < 1 || operands > (isPut || isGet ? 2 : 1))
-    return tk_usage("wrong number of operands");
-  if (isPut && strcmp(operand[0], "-") == 0 && operands < 2)
-    return tk_usage("standard input needs a REMOTE name");
+  struct tk_transfer t;
+  if ((status = tk_transfer_args("smb", argc, argv, &t)) != TK_GO_ON) return status;
   char remote[KEL_SMBC_NAME_SIZE], server[256], path[512];
-  const char *local = isGet ? (operands > 1 ? operand[1] : tk_basename(operand[0])) : operand[0];
-  if (snprintf(remote, sizeof remote, "%s",
-               isPut ? (operands > 1 ? operand[1] : tk_basename(operand[0])) : operand[0]) >=
-      (int)sizeof remote)
+  if (snprintf(remote, sizeof remote, "%s", t.remote) >= (int)sizeof remote)
     return tk_usage("REMOTE is longer than %d bytes", (int)sizeof remote - 1);
   backslashes(remote);
   if ((status = tk_settings_load()) != TK_OK) return status;
@@ -150,18 +138,10 @@ int tk_smb(int argc, char **argv) {
     return tk_error(TK_SETTING, "SMB_SERVER is longer than 253 bytes");
   backslashes(server);
 
-  FILE *in = NULL;
-  uint64_t size = 0;
-  if (isPut) {
-    struct stat info;
-    in = strcmp(local, "-") == 0 ? stdin : fopen(local, "rb");
-    if (in == NULL) return tk_error(TK_LOCAL, "%s can't be read", local);
-    if (fstat(fileno(in), &info) == 0 && S_ISREG(info.st_mode)) size = (uint64_t)info.st_size;
-  } else if (isGet && strcmp(local, "-") == 0) {
-    return tk_usage("an SMB download goes to a file, not '-'");
-  }
+  if (t.get && strcmp(t.local, "-") == 0) return tk_usage("an SMB download goes to a file, not '-'");
+  if (t.put && (status = tk_open_source(&t)) != TK_GO_ON) return status;
   kelSMBCServerRecord record = {server, tk_get("SMB_NAME"), tk_get("SMB_PASSWORD")};
-  kelSMBCFileRecord file = {"\\", remote, local};
+  kelSMBCFileRecord file = {"\\", remote, t.local};
   kelSMBCSession *session = NULL;
   /* The name service exchange prints a line on standard output: to standard
    * error with -v, else nowhere, so that the command stays quiet. */
@@ -177,9 +157,9 @@ int tk_smb(int argc, char **argv) {
   if (r != KEL_OK) {
     status = tk_failed(r, F);
   } else {
-    if (isPut) {
-      status = put(session, &file, in, size);
-    } else if (isGet) {
+    if (t.put) {
+      status = put(session, &file, t.in, t.size);
+    } else if (t.get) {
       status = get(session, &file);
     } else {
       folders(server, path, sizeof path);
@@ -193,7 +173,7 @@ int tk_smb(int argc, char **argv) {
       r = tk_step(kelSMBCAbortEnd(session), F, "kelSMBCAbortEnd()");
     if (status == TK_OK && r != KEL_OK) status = tk_failed(r, F);
   }
-  if (gSinkOpened && status != TK_OK) unlink(local);
-  if (in != NULL && in != stdin) fclose(in);
+  if (gSinkOpened && status != TK_OK) unlink(t.local);
+  tk_close_source(&t);
   return status;
 }
